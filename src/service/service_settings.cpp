@@ -1,0 +1,50 @@
+#include "service/service_settings.h"
+
+#include <strings.h>
+
+#include "service/decimal_text.h"
+#include "service/ini_file.h"
+
+namespace corvane {
+
+ServiceSettings g_settings;
+
+namespace {
+
+void ReadNumber(const IniFile& ini, const char* section, const char* key, int32_t& value) {
+  if (auto text = ini.Get(section, key)) value = ReadDecimal(*text);
+}
+
+}  // namespace
+
+ServiceSettings ServiceSettings::Load(const IniFile& ini) {
+  ServiceSettings s;
+  s.ftpHost = ini.Get("Ftp", "Host");
+  s.ftpLogin = ini.Get("Ftp", "Login");
+  s.ftpPassword = ini.Get("Ftp", "Pwd");
+  s.notifyProgram = ini.Get("Pushmail", "Sender");
+  // A present but non-numeric Interval gives 0 ms: passes then run back to back.
+  if (auto interval = ini.Get("Pushmail", "Interval")) {
+    s.checkIntervalMs = static_cast<int32_t>(static_cast<int64_t>(ReadDecimal(*interval)) * 1000);
+  }
+  ReadNumber(ini, "Application", "port", s.listenPort);
+  ReadNumber(ini, "Application", "subject_length", s.subjectLength);
+  ReadNumber(ini, "Application", "pop3_timeout", s.pop3Timeout);
+  s.defaultBody = ini.Get("Application", "default_body");
+  s.logLevel = LogLevelFromName(ini.Get("Application", "log_level"));
+  return s;
+}
+
+int32_t LogLevelFromName(const std::optional<std::string>& name) {
+  if (!name) return 1;
+  static constexpr struct {
+    const char* name;
+    int32_t level;
+  } kLevels[] = {{"debug", 0}, {"warning", 2}, {"info", 1}, {"error", 3}};
+  for (const auto& entry : kLevels) {
+    if (strcasecmp(name->c_str(), entry.name) == 0) return entry.level;
+  }
+  return 1;
+}
+
+}  // namespace corvane

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace corvane {
+
+class IniFile;
+
+// The process-wide settings read from "config.ini" at start-up. They are
+// written by the main thread before any other thread starts and read without
+// locks afterwards. An absent text setting has no value (it is not empty).
+struct ServiceSettings {
+  std::optional<std::string> ftpHost;        // [Ftp] Host
+  std::optional<std::string> ftpLogin;       // [Ftp] Login
+  std::optional<std::string> ftpPassword;    // [Ftp] Pwd
+  std::optional<std::string> notifyProgram;  // [Pushmail] Sender
+  int32_t checkIntervalMs = 60000;           // [Pushmail] Interval, in seconds
+  int32_t listenPort = 8500;                 // [Application] port
+  int32_t subjectLength = 0;                 // [Application] subject_length
+  int32_t pop3Timeout = 20;                  // [Application] pop3_timeout
+  std::optional<std::string> defaultBody;    // [Application] default_body
+  int32_t logLevel = 1;                      // [Application] log_level
+
+  // Reads every key in the start-up order; missing keys keep their defaults.
+  static ServiceSettings Load(const IniFile& ini);
+};
+
+// "debug", "info", "warning" or "error" in any case; anything else is info.
+int32_t LogLevelFromName(const std::optional<std::string>& name);
+
+extern ServiceSettings g_settings;
+
+}  // namespace corvane

@@ -1,0 +1,60 @@
+#include "service/startup.h"
+
+#include <strings.h>
+
+#include "service/ini_file.h"
+#include "service/process_log.h"
+#include "service/service_settings.h"
+
+namespace corvane {
+
+ProgramPaths InitGlobals(const std::string& programDirectory) {
+  ProgramPaths paths = ProgramPaths::ForDirectory(programDirectory);
+  IniFile ini;
+  ini.Open(paths.configFile);  // a missing file leaves every default
+  g_settings = ServiceSettings::Load(ini);
+
+  EnsureDirectory(paths.directory + "/");
+  EnsureDirectory(paths.tempDirectory);
+  EnsureDirectory(paths.logDirectory);
+  g_logWriter = std::make_unique<LogWriter>(paths.logDirectory, g_settings.logLevel);
+  EnsureDirectory(paths.cacheDirectory);
+  return paths;
+}
+
+void DestroyGlobals() {
+  WriteLog(kLogDebug, "Destroy global variables.\n");
+  g_settings.ftpHost.reset();
+  g_settings.ftpLogin.reset();
+  g_settings.ftpPassword.reset();
+  g_settings.notifyProgram.reset();
+  g_settings.defaultBody.reset();
+  g_logWriter.reset();
+}
+
+void LogStartupIntent(int argc, char** argv) {
+  const char* argument = argc > 1 ? argv[1] : "";
+  if (strcasecmp(argument, "-i") == 0) {
+    WriteLog(kLogInfo, "Install Corvane as service\n");
+  } else if (strcasecmp(argument, "-u") == 0) {
+    WriteLog(kLogInfo, "unnstall Corvane from service\n");
+  } else if (strcasecmp(argument, "-v") == 0) {
+    WriteLog(kLogInfo, "Show the version\n");
+  } else {
+    // The banner ends in GB2312 text: "waiting to receive requests" and a
+    // full-width colon.
+    WriteLog(kLogInfo,
+             "Corvaine starting on port %d... "
+             "\xB5\xC8\xB4\xFD\xBD\xD3\xCA\xD5\xC7\xEB\xC7\xF3\xA3\xBA\n",
+             g_settings.listenPort);
+  }
+}
+
+int RunProgram(int argc, char** argv) {
+  InitGlobals(ProgramDirectoryFromPath(ExecutablePath()));
+  LogStartupIntent(argc, argv);
+  DestroyGlobals();
+  return 0;
+}
+
+}  // namespace corvane

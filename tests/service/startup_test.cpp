@@ -1,0 +1,86 @@
+// Runs the real executable from a temporary program directory.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+
+#include "support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using test::ReadFile;
+using test::TempDir;
+
+class StartupTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::copy_file(CORVANE_BINARY, dir_ / "corvane");
+    std::filesystem::permissions(dir_ / "corvane", std::filesystem::perms::owner_all);
+  }
+
+  // Runs the copied executable; returns its standard output.
+  std::string Run(const std::string& arguments) {
+    std::string command = "'" + (dir_ / "corvane") + "' " + arguments + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    std::string output;
+    char chunk[256];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, n);
+    exitStatus_ = pclose(pipe);
+    return output;
+  }
+
+  // The one log file the run wrote (today's).
+  std::string LogText() {
+    std::string text;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "log")) {
+      text += ReadFile(entry.path());
+    }
+    return text;
+  }
+
+  TempDir dir_;
+  int exitStatus_ = -1;
+};
+
+TEST_F(StartupTest, NoConfigurationMakesTheDirectoriesAndLogsTheBannerOnPort8500) {
+  Run("");
+  EXPECT_EQ(WEXITSTATUS(exitStatus_), 0);
+  for (const char* name : {"temp", "log", "cache"}) {
+    EXPECT_TRUE(std::filesystem::is_directory(dir_ / name)) << name;
+  }
+  std::string log = LogText();
+  EXPECT_NE(log.find(" Corvaine starting on port 8500... "
+                     "\xB5\xC8\xB4\xFD\xBD\xD3\xCA\xD5\xC7\xEB\xC7\xF3\xA3\xBA\n"),
+            std::string::npos)
+      << log;
+  // Info level: the teardown's debug line is not written.
+  EXPECT_EQ(log.find("Destroy global variables."), std::string::npos);
+}
+
+TEST_F(StartupTest, ConfiguredPortAndDebugLevelShowInTheLog) {
+  test::WriteFile(dir_ / "config.ini", "[Application]\nport=9123\nlog_level=DEBUG\n");
+  Run("");
+  std::string log = LogText();
+  EXPECT_NE(log.find("Corvaine starting on port 9123... "), std::string::npos) << log;
+  EXPECT_NE(log.find(" Destroy global variables.\n"), std::string::npos) << log;
+}
+
+TEST_F(StartupTest, EachSwitchLogsWhatItIsAboutToDo) {
+  struct Case {
+    const char* argument;
+    const char* line;
+  } cases[] = {{"-i", " Install Corvane as service\n"},
+               {"-U", " unnstall Corvane from service\n"},
+               {"-v", " Show the version\n"},
+               {"-x", " Corvaine starting on port 8500... "}};
+  for (const Case& c : cases) {
+    std::filesystem::remove_all(dir_ / "log");
+    Run(c.argument);
+    EXPECT_NE(LogText().find(c.line), std::string::npos) << c.argument;
+  }
+}
+
+}  // namespace
+}  // namespace corvane
