@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include "handling/process_registry.h"
+#include "service/gateway_service.h"
 #include "service/ini_file.h"
 #include "service/process_log.h"
 #include "service/service_settings.h"
@@ -19,11 +21,16 @@ ProgramPaths InitGlobals(const std::string& programDirectory) {
   EnsureDirectory(paths.logDirectory);
   g_logWriter = std::make_unique<LogWriter>(paths.logDirectory, g_settings.logLevel);
   EnsureDirectory(paths.cacheDirectory);
+
+  auto registry = std::make_shared<AccountRegistry>(paths.accountFile, paths.directory);
+  registry->Load();
+  g_accountRegistry.store(std::move(registry));
   return paths;
 }
 
 void DestroyGlobals() {
   WriteLog(kLogDebug, "Destroy global variables.\n");
+  g_accountRegistry.store(nullptr);
   g_settings.ftpHost.reset();
   g_settings.ftpLogin.reset();
   g_settings.ftpPassword.reset();
@@ -53,7 +60,13 @@ void LogStartupIntent(int argc, char** argv) {
 int RunProgram(int argc, char** argv) {
   InitGlobals(ProgramDirectoryFromPath(ExecutablePath()));
   LogStartupIntent(argc, argv);
-  DestroyGlobals();
+  if (argc > 1) {
+    DestroyGlobals();
+    return 0;
+  }
+  GatewayService service;
+  RunUntilStopSignal(service);
+  DestroyGlobals();  // nothing left to do when the stop routine ran
   return 0;
 }
 

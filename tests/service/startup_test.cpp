@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "support/gateway_process.h"
 #include "support/temp_dir.h"
 
 namespace corvane {
@@ -19,9 +20,9 @@ class StartupTest : public ::testing::Test {
     std::filesystem::permissions(dir_ / "corvane", std::filesystem::perms::owner_all);
   }
 
-  // Runs the copied executable; returns its standard output.
-  std::string Run(const std::string& arguments) {
-    std::string command = "'" + (dir_ / "corvane") + "' " + arguments + " 2>&1";
+  // Runs the copied executable with one argument; returns its output.
+  std::string Run(const std::string& argument) {
+    std::string command = "'" + (dir_ / "corvane") + "' " + argument + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     std::string output;
     char chunk[256];
@@ -31,7 +32,6 @@ class StartupTest : public ::testing::Test {
     return output;
   }
 
-  // The one log file the run wrote (today's).
   std::string LogText() {
     std::string text;
     for (const auto& entry : std::filesystem::directory_iterator(dir_ / "log")) {
@@ -45,7 +45,7 @@ class StartupTest : public ::testing::Test {
 };
 
 TEST_F(StartupTest, NoConfigurationMakesTheDirectoriesAndLogsTheBannerOnPort8500) {
-  Run("");
+  Run("-x");
   EXPECT_EQ(WEXITSTATUS(exitStatus_), 0);
   for (const char* name : {"temp", "log", "cache"}) {
     EXPECT_TRUE(std::filesystem::is_directory(dir_ / name)) << name;
@@ -55,13 +55,14 @@ TEST_F(StartupTest, NoConfigurationMakesTheDirectoriesAndLogsTheBannerOnPort8500
                      "\xB5\xC8\xB4\xFD\xBD\xD3\xCA\xD5\xC7\xEB\xC7\xF3\xA3\xBA\n"),
             std::string::npos)
       << log;
+  EXPECT_NE(log.find(" Accounts profile is not exist.\n"), std::string::npos) << log;
   // Info level: the teardown's debug line is not written.
   EXPECT_EQ(log.find("Destroy global variables."), std::string::npos);
 }
 
 TEST_F(StartupTest, ConfiguredPortAndDebugLevelShowInTheLog) {
   test::WriteFile(dir_ / "config.ini", "[Application]\nport=9123\nlog_level=DEBUG\n");
-  Run("");
+  Run("-x");
   std::string log = LogText();
   EXPECT_NE(log.find("Corvaine starting on port 9123... "), std::string::npos) << log;
   EXPECT_NE(log.find(" Destroy global variables.\n"), std::string::npos) << log;
@@ -80,6 +81,15 @@ TEST_F(StartupTest, EachSwitchLogsWhatItIsAboutToDo) {
     Run(c.argument);
     EXPECT_NE(LogText().find(c.line), std::string::npos) << c.argument;
   }
+}
+
+TEST(GatewayRunTest, NoArgumentServesUntilSigterm) {
+  test::GatewayProcess gateway("log_level=debug\n");
+  ASSERT_TRUE(gateway.Start());
+  EXPECT_EQ(gateway.Stop(), 0);
+  std::string log = gateway.LogText();
+  EXPECT_NE(log.find(" Program terminal\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(" Destroy global variables.\n"), std::string::npos) << log;
 }
 
 }  // namespace

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "handling/command_dispatcher.h"
+#include "transport/sync_socket_server.h"
+
+namespace corvane {
+
+// The gateway as a service: its run routine serves requests until a stop
+// control arrives, its stop routine shuts everything down.
+class GatewayService {
+ public:
+  static constexpr int32_t kMaxConnections = 50;
+  static constexpr int32_t kIdleTimeoutMs = 500000;
+
+  GatewayService();
+
+  // Serves on the configured port until `OnStop`; returns when stopped.
+  void Run();
+  // Shuts the request server down, logs "Program terminal" and tears down the
+  // process-wide state.
+  void OnStop();
+
+ private:
+  CommandDispatcher dispatcher_;
+  CSyncSocketServer server_;
+};
+
+// Runs `service` in the foreground until SIGTERM or SIGINT, which act as the
+// stop control.
+void RunUntilStopSignal(GatewayService& service);
+
+}  // namespace corvane

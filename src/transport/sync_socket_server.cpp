@@ -1,0 +1,301 @@
+#include "transport/sync_socket_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <exception>
+#include <iterator>
+#include <new>
+#include <system_error>
+
+namespace corvane {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kAcceptStartWait{30000};
+constexpr milliseconds kAcceptEndWait{10000};
+constexpr milliseconds kGraceWait{3000};
+constexpr milliseconds kHousekeepingPeriod{1000};
+// Out of descriptors or buffers: the pending connection stays queued, so try
+// again shortly instead of spinning on the error.
+constexpr milliseconds kAcceptRetryPause{100};
+
+void Console(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void Console(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stdout, format, args);
+  va_end(args);
+  std::fflush(stdout);
+}
+
+void Refuse(int socket) {
+  ::shutdown(socket, SHUT_WR);
+  ::close(socket);
+}
+
+std::string FormatAddress(const in_addr& address) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&address.s_addr);
+  char text[16];
+  std::snprintf(text, sizeof text, "%d.%d.%d.%d", bytes[0], bytes[1], bytes[2], bytes[3]);
+  return text;
+}
+
+}  // namespace
+
+CSyncSocketServer::CSyncSocketServer(RequestDispatcher dispatcher)
+    : dispatcher_(std::move(dispatcher)) {}
+
+CSyncSocketServer::~CSyncSocketServer() {
+  Shutdown();
+  StopHousekeeping();
+}
+
+void CSyncSocketServer::SetPort(uint16_t port) {
+  port_ = port;
+}
+
+void CSyncSocketServer::SetMaxWorkers(int32_t n) {
+  std::lock_guard lock(lock_);
+  maxWorkers_ = n;
+}
+
+void CSyncSocketServer::SetIdleTimeoutMs(int32_t ms) {
+  std::lock_guard lock(lock_);
+  idleTimeoutMs_ = ms;
+  for (const auto& worker : workers_) worker->SetIdleTimeoutMs(ms);
+}
+
+size_t CSyncSocketServer::WorkerCount() const {
+  std::lock_guard lock(lock_);
+  return workers_.size();
+}
+
+bool CSyncSocketServer::Start() {
+  std::lock_guard control(controlMutex_);
+  if (running_) return true;
+  stopping_ = false;
+  {
+    std::lock_guard lock(stopMutex_);
+    stopSignalled_ = false;
+  }
+  {
+    std::lock_guard lock(acceptMutex_);
+    acceptState_ = AcceptState::kStarting;
+  }
+  try {
+    if (!housekeepingThread_.joinable()) {
+      housekeepingThread_ = std::thread(&CSyncSocketServer::HousekeepingLoop, this);
+    }
+    acceptThread_ = std::thread(&CSyncSocketServer::AcceptLoop, this);
+  } catch (const std::system_error&) {
+    StopHousekeeping();
+    return false;
+  }
+
+  std::unique_lock lock(acceptMutex_);
+  acceptCv_.wait_for(lock, kAcceptStartWait,
+                     [this] { return acceptState_ != AcceptState::kStarting; });
+  if (acceptState_ == AcceptState::kListening) {
+    std::lock_guard run(runMutex_);
+    running_ = true;
+    return true;
+  }
+  lock.unlock();
+  // A port that cannot be bound ends the accept thread at once; there is
+  // nothing to wait out.
+  Console("CSyncSocketServer::Run()   Terminate AcceptThread\n");
+  stopping_ = true;
+  int listening = listenSocket_.exchange(-1);
+  if (listening >= 0) ::shutdown(listening, SHUT_RDWR);
+  acceptThread_.join();
+  StopHousekeeping();
+  return false;
+}
+
+int CSyncSocketServer::Run() {
+  Start();
+  std::unique_lock lock(runMutex_);
+  runCv_.wait(lock, [this] { return !running_; });
+  return running_ ? 1 : 0;
+}
+
+void CSyncSocketServer::Shutdown() {
+  std::lock_guard control(controlMutex_);
+  if (!running_) return;
+  stopping_ = true;
+  int listening = listenSocket_.exchange(-1);
+  // Closing alone would leave accept() blocked; shutting the socket down
+  // makes it fail, and the accept thread closes the descriptor itself.
+  if (listening >= 0) ::shutdown(listening, SHUT_RDWR);
+  {
+    std::unique_lock lock(acceptMutex_);
+    if (!acceptCv_.wait_for(lock, kAcceptEndWait,
+                            [this] { return acceptState_ == AcceptState::kEnded; })) {
+      Console("CSyncSocketServer::Shutdown()   Terminate RecvThread\n");
+    }
+  }
+  acceptThread_.join();
+  StopHousekeeping();
+
+  // Give requests in progress a moment to get their answers out.
+  {
+    std::unique_lock lock(settledMutex_);
+    settledCv_.wait_for(lock, kGraceWait, [this] { return AllWorkersSettled(); });
+  }
+
+  std::list<std::unique_ptr<CSocketWorker>> workers;
+  {
+    std::lock_guard lock(lock_);
+    for (const auto& worker : workers_) worker->CloseSocket();
+    workers.swap(workers_);
+  }
+  for (auto& worker : workers) DeleteWorker(std::move(worker));
+
+  std::lock_guard run(runMutex_);
+  running_ = false;
+  runCv_.notify_all();
+}
+
+void CSyncSocketServer::AcceptLoop() {
+  auto finish = [this](AcceptState state) {
+    {
+      std::lock_guard lock(acceptMutex_);
+      acceptState_ = state;
+    }
+    acceptCv_.notify_all();
+  };
+
+  int listening = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listening < 0) return finish(AcceptState::kFailed);
+  int reuse = 1;
+  ::setsockopt(listening, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  address.sin_port = htons(port_);
+  if (::bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
+      ::listen(listening, SOMAXCONN) < 0) {
+    Refuse(listening);
+    return finish(AcceptState::kFailed);
+  }
+  socklen_t addressLength = sizeof address;
+  if (::getsockname(listening, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0) {
+    boundPort_ = ntohs(address.sin_port);
+  }
+  listenSocket_ = listening;
+  finish(AcceptState::kListening);
+
+  while (true) {
+    sockaddr_in peer{};
+    socklen_t peerLength = sizeof peer;
+    int client =
+        ::accept4(listening, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
+    if (client >= 0) {
+      Admit(client, FormatAddress(peer.sin_addr), ntohs(peer.sin_port));
+      continue;
+    }
+    int error = errno;
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+      std::this_thread::sleep_for(kAcceptRetryPause);
+      continue;
+    }
+    if (!stopping_) continue;
+    break;
+  }
+  listenSocket_ = -1;
+  Refuse(listening);
+  finish(AcceptState::kEnded);
+}
+
+void CSyncSocketServer::Admit(int socket, std::string peerAddress, uint16_t peerPort) {
+  int32_t idleTimeoutMs = 0;
+  bool admitted = false;
+  {
+    std::lock_guard lock(lock_);
+    if (listenSocket_ >= 0 && static_cast<int64_t>(workers_.size()) < maxWorkers_) {
+      admitted = true;
+      idleTimeoutMs = idleTimeoutMs_;
+    }
+  }
+  if (!admitted) return Refuse(socket);
+
+  std::unique_ptr<CSocketWorker> worker;
+  try {
+    worker = std::make_unique<CSocketWorker>(socket, std::move(peerAddress), peerPort, dispatcher_,
+                                             [this] { NotifySettled(); });
+  } catch (const std::bad_alloc&) {
+    return Refuse(socket);
+  }
+  worker->SetIdleTimeoutMs(idleTimeoutMs);
+  // A worker that could not start has closed its connection; dropping it
+  // releases the socket.
+  if (!worker->Start()) return;
+  std::lock_guard lock(lock_);
+  workers_.push_back(std::move(worker));
+}
+
+void CSyncSocketServer::HousekeepingLoop() {
+  while (true) {
+    {
+      std::unique_lock lock(stopMutex_);
+      if (stopCv_.wait_for(lock, kHousekeepingPeriod, [this] { return stopSignalled_; })) {
+        stopSignalled_ = false;
+        return;
+      }
+    }
+    std::list<std::unique_ptr<CSocketWorker>> closed;
+    {
+      std::lock_guard lock(lock_);
+      for (auto it = workers_.begin(); it != workers_.end();) {
+        auto next = std::next(it);
+        if (!(*it)->SocketValid()) closed.splice(closed.end(), workers_, it);
+        it = next;
+      }
+    }
+    // Outside the lock: a worker may have to wait for its dispatcher to
+    // return, and new connections must not wait for that.
+    for (auto& worker : closed) DeleteWorker(std::move(worker));
+  }
+}
+
+void CSyncSocketServer::StopHousekeeping() {
+  if (!housekeepingThread_.joinable()) return;
+  {
+    std::lock_guard lock(stopMutex_);
+    stopSignalled_ = true;
+  }
+  stopCv_.notify_all();
+  housekeepingThread_.join();
+}
+
+bool CSyncSocketServer::AllWorkersSettled() const {
+  std::lock_guard lock(lock_);
+  for (const auto& worker : workers_) {
+    if (!worker->Settled()) return false;
+  }
+  return true;
+}
+
+void CSyncSocketServer::NotifySettled() {
+  { std::lock_guard lock(settledMutex_); }
+  settledCv_.notify_all();
+}
+
+void CSyncSocketServer::DeleteWorker(std::unique_ptr<CSocketWorker> worker) {
+  try {
+    worker->Stop();
+    worker.reset();
+  } catch (const std::exception&) {
+    Console("CSyncSocketServer::DeleteSocketWorker() exception.\n");
+  }
+}
+
+}  // namespace corvane

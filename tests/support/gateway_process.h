@@ -1,0 +1,110 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace corvane::test {
+
+// A loopback port that was free a moment ago.
+inline int FreePort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+// True once something accepts connections on 127.0.0.1:port (within 10 s).
+inline bool WaitForListener(int port) {
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    if (up) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
+// The real gateway executable copied into a temporary program directory (it
+// keeps its files beside itself), started without arguments on a free port.
+class GatewayProcess {
+ public:
+  explicit GatewayProcess(const std::string& extraConfig = "") : port_(FreePort()) {
+    std::filesystem::copy_file(CORVANE_BINARY, dir_ / "corvane");
+    std::filesystem::permissions(dir_ / "corvane", std::filesystem::perms::owner_all);
+    WriteFile(dir_ / "config.ini",
+              "[Application]\nport=" + std::to_string(port_) + "\n" + extraConfig);
+  }
+  ~GatewayProcess() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  // Starts the gateway and waits until it listens.
+  bool Start() {
+    pid_ = fork();
+    if (pid_ == 0) {
+      std::string path = dir_ / "corvane";
+      execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    return pid_ > 0 && WaitForListener(port_);
+  }
+
+  // Sends SIGTERM and waits up to `seconds` for the exit; the exit status, or
+  // -1 when the gateway did not stop in time.
+  int Stop(int seconds = 30) {
+    kill(pid_, SIGTERM);
+    for (int waited = 0; waited < seconds * 20; ++waited) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return -1;
+  }
+
+  std::string LogText() const {
+    std::string text;
+    if (!std::filesystem::exists(dir_ / "log")) return text;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "log")) {
+      text += ReadFile(entry.path());
+    }
+    return text;
+  }
+
+  int port() const { return port_; }
+  const TempDir& dir() const { return dir_; }
+
+ private:
+  TempDir dir_;
+  int port_;
+  pid_t pid_ = -1;
+};
+
+}  // namespace corvane::test

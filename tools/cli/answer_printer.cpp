@@ -1,0 +1,155 @@
+#include "answer_printer.h"
+
+#include <cstdio>
+#include <vector>
+
+#include "transport/counted_string.h"
+
+namespace corvane::cli {
+namespace {
+
+struct Entry {
+  unsigned tag;
+  std::string name;
+  std::string value;
+};
+
+std::vector<Entry> ReadEntries(std::string_view bytes) {
+  std::vector<Entry> entries;
+  size_t position = 0;
+  while (position < bytes.size()) {
+    Entry entry{static_cast<unsigned>(static_cast<unsigned char>(bytes[position]) - '0'), {}, {}};
+    ++position;
+    for (std::string* text : {&entry.name, &entry.value}) {
+      const char* at = bytes.data() + position;
+      size_t available = bytes.size() - position;
+      if (auto data = CountedString::DataAt(at, available)) *text = std::string(*data);
+      size_t size = CountedString::SizeAt(at, available);
+      position += size == 0 ? 1 : size;  // an invalid string is stepped over by its digit
+      if (position > bytes.size()) position = bytes.size();
+    }
+    if (entry.tag <= 6) entries.push_back(std::move(entry));
+  }
+  return entries;
+}
+
+std::string JsonString(std::string_view text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c > 0x7e) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+std::vector<std::string> SplitValues(const std::string& text) {
+  std::vector<std::string> values;
+  size_t start = 0;
+  for (;;) {
+    size_t comma = text.find(',', start);
+    values.push_back(text.substr(start, comma - start));
+    if (comma == std::string::npos) return values;
+    start = comma + 1;
+  }
+}
+
+std::string RenderTree(const std::vector<Entry>& entries) {
+  std::string out;
+  int depth = 0;
+  for (const Entry& entry : entries) {
+    std::string indent(static_cast<size_t>(depth) * 2, ' ');
+    switch (entry.tag) {
+      case 1:
+        out += indent + entry.name + (entry.value.empty() ? "" : " (" + entry.value + ")") + "\n";
+        ++depth;
+        break;
+      case 2:
+        out += indent + entry.name + " = " + entry.value + "\n";
+        break;
+      case 3:
+        out += indent + entry.name + " = [" + entry.value + "]\n";
+        break;
+      case 4:
+        out += indent + entry.name + " = <" + std::to_string(entry.value.size()) + " bytes>\n";
+        break;
+      case 5:
+        if (depth > 0) --depth;
+        break;
+      default:
+        break;
+    }
+  }
+  return out;
+}
+
+std::string RenderJson(const std::vector<Entry>& entries) {
+  std::string out = "{";
+  std::vector<bool> first = {true};
+  auto key = [&](const std::string& name) {
+    if (!first.back()) out += ",";
+    first.back() = false;
+    out += JsonString(name) + ":";
+  };
+  for (const Entry& entry : entries) {
+    switch (entry.tag) {
+      case 1:
+        key(entry.name);
+        out += "{";
+        first.push_back(true);
+        break;
+      case 2:
+      case 4:
+        key(entry.name);
+        out += JsonString(entry.value);
+        break;
+      case 3: {
+        key(entry.name);
+        out += "[";
+        std::string separator;
+        for (const std::string& value : SplitValues(entry.value)) {
+          out += separator + JsonString(value);
+          separator = ",";
+        }
+        out += "]";
+        break;
+      }
+      case 5:
+        if (first.size() > 1) {
+          out += "}";
+          first.pop_back();
+        }
+        break;
+      default:
+        break;
+    }
+  }
+  for (; first.size() > 1; first.pop_back()) out += "}";
+  return out + "}\n";
+}
+
+}  // namespace
+
+std::string RenderAnswer(std::string_view bytes, bool json) {
+  std::vector<Entry> entries = ReadEntries(bytes);
+  return json ? RenderJson(entries) : RenderTree(entries);
+}
+
+std::optional<std::string> AnswerStatus(std::string_view bytes) {
+  int depth = 0;
+  for (const Entry& entry : ReadEntries(bytes)) {
+    if (entry.tag == 1) ++depth;
+    if (entry.tag == 5) --depth;
+    if (entry.tag == 2 && depth == 1 && entry.name == "Status") return entry.value;
+  }
+  return std::nullopt;
+}
+
+}  // namespace corvane::cli
