@@ -16,20 +16,11 @@
 #include <vector>
 
 #include "service/decimal_text.h"
+#include "transport/console.h"
 #include "transport/wx_codec.h"
 
 namespace corvane {
 namespace {
-
-// The server's low-level diagnostics go to the console only, never to the log.
-void Console(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void Console(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::vfprintf(stdout, format, args);
-  va_end(args);
-  std::fflush(stdout);
-}
 
 int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(

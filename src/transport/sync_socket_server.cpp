@@ -14,6 +14,8 @@
 #include <new>
 #include <system_error>
 
+#include "transport/console.h"
+
 namespace corvane {
 namespace {
 
@@ -26,15 +28,6 @@ constexpr milliseconds kHousekeepingPeriod{1000};
 // Out of descriptors or buffers: the pending connection stays queued, so try
 // again shortly instead of spinning on the error.
 constexpr milliseconds kAcceptRetryPause{100};
-
-void Console(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void Console(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::vfprintf(stdout, format, args);
-  va_end(args);
-  std::fflush(stdout);
-}
 
 void Refuse(int socket) {
   ::shutdown(socket, SHUT_WR);
