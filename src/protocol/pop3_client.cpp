@@ -1,0 +1,298 @@
+#include "protocol/pop3_client.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "protocol/file_data_source.h"
+#include "protocol/net_codes.h"
+#include "service/decimal_text.h"
+
+namespace corvane {
+namespace {
+
+constexpr int kNoConnection = kNetNoConnection;
+constexpr int kNoResponse = kNetNoServerResponse;
+constexpr int kAborted = kNetAborted;
+// "A file write error occurred.": the message did not reach its destination whole.
+constexpr int kFileWriteError = 30;
+
+// The listing's end: a line that begins with "." and is at most ".\r\n".
+bool EndsListing(const char* line, int length) { return line[0] == '.' && length <= 3; }
+
+// Field `index` (from 0) of `text` split at any of `separators`, runs of
+// separators counting as one.
+std::string Field(const char* text, const char* separators, int index) {
+  std::string_view rest(text);
+  for (int i = 0;; ++i) {
+    size_t start = rest.find_first_not_of(separators);
+    if (start == std::string_view::npos) return {};
+    rest.remove_prefix(start);
+    size_t end = rest.find_first_of(separators);
+    if (i == index) return std::string(rest.substr(0, end));
+    if (end == std::string_view::npos) return {};
+    rest.remove_prefix(end);
+  }
+}
+
+}  // namespace
+
+Pop3Client::Pop3Client() = default;
+
+Pop3Client::~Pop3Client() = default;
+
+int Pop3Client::SetPort(unsigned port) {
+  port_ = port;
+  return 0;
+}
+
+int Pop3Client::SetPOP3TimeOut(int seconds) {
+  if (seconds <= 0) return 1;
+  responseTimeOut_ = seconds;
+  return 0;
+}
+
+bool Pop3Client::ReadReply(int room) {
+  response_[0] = '\0';
+  return ReceiveLine(response_, room, responseTimeOut_) >= 1;
+}
+
+int Pop3Client::SendCommand(const char* command) {
+  return Send(command, static_cast<int>(std::strlen(command)));
+}
+
+int Pop3Client::SocketOnConnected(int socket, const char* host) {
+  greetingRead_ = false;
+  if (!GetSecurityEnabled()) return 0;
+  if (port_ == 995) return CSecureSocketClient::SocketOnConnected(socket, host);
+  // STLS: greeting and upgrade in the clear, then the handshake.
+  SetSecurityEnabled(false);
+  bool greeted = ReadReply() && ReplyPositive();
+  bool upgraded = greeted && SendCommand("STLS\r\n") > 0 && ReadReply() && ReplyPositive();
+  SetSecurityEnabled(true);
+  if (!greeted) return kNetConnectFailed;
+  if (!upgraded) return kNetPop3NoTls;
+  greetingRead_ = true;
+  return CSecureSocketClient::SocketOnConnected(socket, host);
+}
+
+int Pop3Client::POP3Connect(const char* host, const char* user, const char* password) {
+  POP3Close();
+  int result = Connect(port_, host, connectTimeOut_, 2, 1);
+  if (result != 0) return OnError(result);
+  // After STLS the greeting has been read already.
+  if (!greetingRead_ && (!ReadReply() || !ReplyPositive())) return OnError(kNetConnectTimeout);
+  Send("USER ");
+  Send(user);
+  Send("\r\n");
+  if (!ReadReply() || !ReplyPositive()) return OnError(kNetUserFailed);
+  if (IsAborted()) return OnError(kAborted);
+  Send("PASS ");
+  Send(password);
+  Send("\r\n");
+  return OnError(ReadReply() && ReplyPositive() ? 0 : kNetPassFailed);
+}
+
+int Pop3Client::POP3Close() {
+  if (IsConnected()) {
+    SendCommand("QUIT\r\n");
+    // No answer to QUIT: the socket is left as it is.
+    if (!ReadReply()) return OnError(kNoResponse);
+  }
+  return OnError(CloseConnection());
+}
+
+int Pop3Client::Command(const char* text, int negativeCode) {
+  if (!IsConnected()) return kNoConnection;
+  SendCommand(text);
+  if (!ReadReply()) return kNoResponse;
+  return ReplyPositive() ? kNetOk : negativeCode;
+}
+
+int Pop3Client::GetNumMsgs(int* count) {
+  int result = Command("STAT\r\n", kNetStatFailed);
+  if (result == 0) {
+    std::string field = Field(response_, " ", 1);
+    if (field.empty()) {
+      result = kNetInvalidResponse;
+    } else if (count != nullptr) {
+      *count = ReadDecimal(field);
+    }
+  }
+  return OnError(result);
+}
+
+int Pop3Client::GetMsgSize(int number, long* size) {
+  char command[32];
+  std::snprintf(command, sizeof command, "LIST %d\r\n", number);
+  int result = Command(command, kNetListFailed);
+  if (result == 0) {
+    std::string field = Field(response_, " ()", 2);
+    if (field.empty()) {
+      result = kNetInvalidResponse;
+    } else if (size != nullptr) {
+      *size = ReadDecimal(field);
+    }
+  }
+  return OnError(result);
+}
+
+int Pop3Client::RetrieveToDataSource(int number, DataSource& dest) {
+  if (!IsConnected()) return OnError(kNoConnection);
+  if (dest.Open(DataSource::kOpenWrite) != 0) return OnError(kNetFileOpenFailed);
+  char command[32];
+  std::snprintf(command, sizeof command, "RETR %d\r\n", number);
+  SendCommand(command);
+  if (!ReadReply(kResponseSize)) {
+    dest.Close();
+    return OnError(kNoResponse);
+  }
+  if (!ReplyPositive()) {
+    dest.Close();
+    return OnError(kNetRetrFailed);
+  }
+  char line[kResponseSize];
+  long total = 0;
+  bool writeFailed = false;
+  int result = kAborted;
+  while (!IsAborted()) {
+    int length = ReceiveLine(line, sizeof line, responseTimeOut_);
+    if (length < 1) {
+      result = kNetTimeout;
+      break;
+    }
+    total += length;
+    if (!RetrieveStatus(total)) break;
+    if (line[0] == '.' && length == 3) {
+      result = kNetOk;
+      break;
+    }
+    // Dot-unstuffing, also of a continuation piece of an overlong line.
+    const char* data = line[0] == '.' ? line + 1 : line;
+    int size = line[0] == '.' ? length - 1 : length;
+    if (dest.Write(data, size) != size) writeFailed = true;
+  }
+  dest.Close();
+  // A message that did not reach the destination whole is no message.
+  if (result == 0 && writeFailed) result = kFileWriteError;
+  return OnError(result);
+}
+
+int Pop3Client::RetrieveToFile(int number, const char* fileName) {
+  FileDataSource file(fileName, 4096);
+  return RetrieveToDataSource(number, file);
+}
+
+int Pop3Client::OpenMsg(int number) {
+  char command[32];
+  std::snprintf(command, sizeof command, "RETR %d\r\n", number);
+  int result = Command(command, kNetRetrFailed);
+  if (result == 0) {
+    messageOpen_ = true;
+    messageDone_ = false;
+  }
+  return OnError(result);
+}
+
+int Pop3Client::ReadOpenLine(bool open, bool& done, char* buffer, int max) {
+  if (!open) return -1;
+  if (done) return 0;
+  int length = ReceiveLine(buffer, max, 0);
+  if (length > 0 && EndsListing(buffer, length)) {
+    done = true;
+    return 0;
+  }
+  return length;
+}
+
+int Pop3Client::CloseOpen(bool& open, bool& done) {
+  if (!open) return 0;
+  if (!IsConnected()) return OnError(kNoConnection);
+  int result = kNetOk;
+  char line[kResponseSize];
+  while (!done) {
+    if (IsAborted()) {
+      result = kAborted;
+      break;
+    }
+    int length = ReceiveLine(line, sizeof line, responseTimeOut_);
+    if (length < 1 || EndsListing(line, length)) break;
+  }
+  open = done = false;
+  return OnError(result);
+}
+
+int Pop3Client::ReadMsgLine(char* buffer, int max) {
+  return ReadOpenLine(messageOpen_, messageDone_, buffer, max);
+}
+
+int Pop3Client::CloseMsg() { return CloseOpen(messageOpen_, messageDone_); }
+
+int Pop3Client::OpenTop(int number, int lines) {
+  char command[48];
+  std::snprintf(command, sizeof command, "TOP %d %d\r\n", number, lines);
+  int result = Command(command, kNetTopFailed);
+  if (result == 0) {
+    topOpen_ = true;
+    topDone_ = false;
+  }
+  return OnError(result);
+}
+
+int Pop3Client::ReadTopLine(char* buffer, int max) {
+  return ReadOpenLine(topOpen_, topDone_, buffer, max);
+}
+
+int Pop3Client::CloseTop() { return CloseOpen(topOpen_, topDone_); }
+
+int Pop3Client::GetUIDL(int number) {
+  uids_.clear();
+  char command[32];
+  if (number < 1) {
+    std::snprintf(command, sizeof command, "UIDL\r\n");
+  } else {
+    std::snprintf(command, sizeof command, "UIDL %d\r\n", number);
+  }
+  int result = Command(command, kNetUidlFailed);
+  if (result != 0) return OnError(result);
+
+  constexpr const char* kSeparators = " \r\n";
+  if (number >= 1) {
+    std::string uid = Field(response_, kSeparators, 2);
+    if (uid.empty()) return OnError(kNetInvalidResponse);
+    uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
+    uids_.push_back({number, std::move(uid)});
+    return OnError(kNetOk);
+  }
+  char line[kResponseSize];
+  for (;;) {
+    if (IsAborted()) return OnError(kAborted);
+    int length = ReceiveLine(line, sizeof line, responseTimeOut_);
+    if (length < 1) return OnError(kNetTimeout);
+    if (EndsListing(line, length)) return OnError(kNetOk);
+    std::string messageNumber = Field(line, kSeparators, 0);
+    std::string uid = Field(line, kSeparators, 1);
+    if (messageNumber.empty() || uid.empty()) return OnError(kNetInvalidResponse);
+    uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
+    uids_.push_back({ReadDecimal(messageNumber), std::move(uid)});
+  }
+}
+
+const char* Pop3Client::GetUID(int number) const {
+  for (const UidEntry& entry : uids_) {
+    if (entry.number == number) return entry.uid.c_str();
+  }
+  return nullptr;
+}
+
+int Pop3Client::DeleteMsg(int number) {
+  char command[32];
+  std::snprintf(command, sizeof command, "DELE %d\r\n", number);
+  return OnError(Command(command, kNetDeleFailed));
+}
+
+int Pop3Client::ResetDelete() { return OnError(Command("RSET\r\n", kNetRsetFailed)); }
+
+bool Pop3Client::RetrieveStatus(long) { return true; }
+
+}  // namespace corvane

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "protocol/data_source.h"
+#include "protocol/net_client.h"
+
+namespace corvane {
+
+// Reads a POP3 mailbox: USER/PASS login, STAT, LIST n, UIDL, RETR into a data
+// source or line by line, TOP, DELE, RSET and QUIT, over plain TCP, implicit
+// TLS (port 995) or STLS. Every operation returns a result code (0 success).
+class Pop3Client : public CNetClient {
+ public:
+  static constexpr int kMaxUidLength = 69;
+  static constexpr int kResponseSize = 1024;
+
+  Pop3Client();
+  ~Pop3Client() override;
+
+  virtual int POP3Connect(const char* host, const char* user, const char* password);
+  virtual int POP3Close();
+  virtual int GetNumMsgs(int* count);
+  virtual int GetMsgSize(int number, long* size);
+  virtual int RetrieveToDataSource(int number, DataSource& dest);
+  virtual int RetrieveToFile(int number, const char* fileName);
+  virtual int OpenMsg(int number);
+  virtual int ReadMsgLine(char* buffer, int max);
+  virtual int CloseMsg();
+  // number < 1: the whole listing; else one message's id.
+  virtual int GetUIDL(int number);
+  // The id stored for `number`, or null when the number is not in the list.
+  virtual const char* GetUID(int number) const;
+  virtual int OpenTop(int number, int lines);
+  virtual int ReadTopLine(char* buffer, int max);
+  virtual int CloseTop();
+  virtual int DeleteMsg(int number);
+  virtual int ResetDelete();
+  // Called with the running byte count of a RETR; false stops it (98).
+  virtual bool RetrieveStatus(long bytesSoFar);
+
+  // STLS on a plain port, the layer's own handshake on 995.
+  int SocketOnConnected(int socket, const char* host) override;
+
+  int SetPort(unsigned port);
+  unsigned GetPort() const { return port_; }
+  // Stores `seconds` when above 0 (returns 0); otherwise returns 1.
+  int SetPOP3TimeOut(int seconds);
+  int GetPOP3TimeOut() const { return responseTimeOut_; }
+  // The last reply line, "\r\n" included.
+  const char* LastResponse() const { return response_; }
+
+  struct UidEntry {
+    int number;
+    std::string uid;
+  };
+  const std::vector<UidEntry>& UidList() const { return uids_; }
+
+ private:
+  bool ReadReply(int room = kResponseSize);
+  bool ReplyPositive() const { return response_[0] == '+'; }
+  int SendCommand(const char* command);
+  // Sends a command and reads its reply: 6 not connected, 12 no reply,
+  // `negativeCode` for a negative reply, else 0.
+  int Command(const char* text, int negativeCode);
+  // Line-by-line reading of a RETR or TOP stream, on that stream's flags.
+  int ReadOpenLine(bool open, bool& done, char* buffer, int max);
+  int CloseOpen(bool& open, bool& done);
+
+  unsigned port_ = 110;
+  int responseTimeOut_ = 10;
+  int connectTimeOut_ = 5;
+  char response_[kResponseSize] = {};
+  bool messageOpen_ = false, messageDone_ = false;
+  bool topOpen_ = false, topDone_ = false;
+  std::vector<UidEntry> uids_;
+  bool greetingRead_ = false;  // by the STLS upgrade
+};
+
+}  // namespace corvane
