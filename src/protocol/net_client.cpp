@@ -134,7 +134,12 @@ int CNetClient::CreateSocket(int& handle, int family, int type, int protocol) {
 int CNetClient::CloseConnected() {
   int result = 0;
   if (socket_ != -1) {
-    if (type_ == SOCK_STREAM && SocketShutDown(socket_, SHUT_RDWR) != 0) result = 1;
+    // A peer that has already reset the connection (a server that closes
+    // right after answering QUIT, before our TLS close_notify arrives) leaves
+    // nothing to shut down: that is a clean end, not a failure.
+    if (type_ == SOCK_STREAM && SocketShutDown(socket_, SHUT_RDWR) != 0 && errno != ENOTCONN) {
+      result = 1;
+    }
     if (SocketClose(socket_) != 0) result = 1;
     socket_ = -1;
   }
