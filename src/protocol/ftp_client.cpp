@@ -1,0 +1,176 @@
+#include "protocol/ftp_client.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "protocol/file_data_source.h"
+#include "protocol/net_codes.h"
+#include "protocol/socket_wait.h"
+#include "service/decimal_text.h"
+
+namespace corvane {
+namespace {
+
+bool Between(int code, int low, int high) {
+  return code >= low && code <= high;
+}
+
+}  // namespace
+
+FtpClient::FtpClient() : dataPort_(static_cast<int>(MonotonicMs() % 20000) + kFirstDataPort) {}
+
+FtpClient::~FtpClient() = default;
+
+int FtpClient::SendCommand(const char* format, const char* argument) {
+  char command[kMaxLine] = {};
+  std::snprintf(command, sizeof command, format, argument ? argument : "");
+  return Send(command, static_cast<int>(std::strlen(command)));
+}
+
+int FtpClient::GetReplyCode() {
+  char line[kMaxLine + 1];
+  auto readLine = [&]() -> bool {
+    int timeout = std::max(GetReceiveTimeOut() / 1000, 1);
+    if (ReceiveLine(line, sizeof line, timeout) < 1) return false;
+    line[std::strcspn(line, "\r\n")] = '\0';
+    lastResponse_ = line;
+    return true;
+  };
+  if (!readLine()) return 0;
+  int code = ReadDecimal(std::string_view(line, std::min<size_t>(3, std::strlen(line))));
+  if (line[0] != '\0' && line[1] != '\0' && line[2] != '\0' && line[3] == '-') {
+    // A multi-line reply ends at a line with the same three digits and a blank.
+    const std::string end = std::string(line, 3) + " ";
+    while (readLine()) {
+      replyLines_.push_back(lastResponse_);
+      if (lastResponse_.compare(0, 4, end) == 0) break;
+    }
+  }
+  return code;
+}
+
+int FtpClient::FtpConnect(const char* host, const char* user, const char* password,
+                          const char* account) {
+  FtpClose();
+  replyLines_.clear();
+  int result = Connect(serverPort_, host, connectTimeOut_);
+  if (result != kNetOk) return OnError(result);
+  connected_ = true;
+
+  // The greeting is not read on its own: it is the first reply after USER.
+  SendCommand("USER %s\r\n", user);
+  int code = GetReplyCode();
+  if (code == 0) return OnError(kNetNoResponse);
+  if (!Between(code, 200, 399)) return OnError(kNetUserRejected);
+  if (Between(code, 300, 399)) {
+    SendCommand("PASS %s\r\n", password);
+    code = GetReplyCode();
+    if (code == 0) return OnError(kNetNoResponse);
+    if (!Between(code, 200, 399)) return OnError(kNetPassRejected);
+    if (Between(code, 300, 399)) {
+      SendCommand("ACCT %s\r\n", account);
+      code = GetReplyCode();
+      if (code == 0) return OnError(kNetNoResponse);
+      if (!Between(code, 200, 399)) return OnError(kNetAcctRejected);
+    }
+  }
+  SetTransferType(0);
+  SetTransferMode(0);
+  SetTransferStructure(0);
+  return OnError(kNetOk);
+}
+
+int FtpClient::SimpleCommand(const char* format, const char* argument) {
+  SendCommand(format, argument);
+  int code = GetReplyCode();
+  if (code == 0) return OnError(kNetNoResponse);
+  return OnError(Between(code, 200, 299) ? kNetOk : kNetRequestDenied);
+}
+
+int FtpClient::ChangeDir(const char* path) {
+  return SimpleCommand("CWD %s\r\n", path);
+}
+
+int FtpClient::MakeDir(const char* path) {
+  return SimpleCommand("MKD %s\r\n", path);
+}
+
+int FtpClient::SetTransferType(int kind) {
+  return SimpleCommand(kind == 1 ? "TYPE I\r\n" : "TYPE A\r\n", nullptr);
+}
+
+int FtpClient::SetTransferMode(int kind) {
+  static constexpr const char* kModes[] = {"MODE S\r\n", "MODE B\r\n", "MODE C\r\n"};
+  return SimpleCommand(kModes[kind >= 0 && kind <= 2 ? kind : 0], nullptr);
+}
+
+int FtpClient::SetTransferStructure(int kind) {
+  static constexpr const char* kStructures[] = {"STRU F\r\n", "STRU R\r\n", "STRU P\r\n"};
+  return SimpleCommand(kStructures[kind >= 0 && kind <= 2 ? kind : 0], nullptr);
+}
+
+int FtpClient::OpenDataPort() {
+  for (int attempt = 0; attempt < kDataPortAttempts; ++attempt) {
+    if (dataConnection_.WaitForConnect(static_cast<unsigned>(dataPort_), 1) == kNetOk) {
+      return kNetOk;
+    }
+    ++dataPort_;  // busy: offer the next one
+  }
+  return kNetDataPortFailed;
+}
+
+int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
+  int result = OpenDataPort();
+  if (result != kNetOk) return OnError(result);
+
+  std::string address = GetLocalAddress();
+  std::replace(address.begin(), address.end(), '.', ',');
+  char command[kMaxLine];
+  std::snprintf(command, sizeof command, "PORT %s,%d,%d\r\n", address.c_str(), dataPort_ / 256,
+                dataPort_ % 256);
+  Send(command, static_cast<int>(std::strlen(command)));
+  if (++dataPort_ > kLastDataPort || dataPort_ < 0) dataPort_ = kFirstDataPort;
+
+  if (!Between(GetReplyCode(), 200, 299)) {
+    dataConnection_.CloseConnection();
+    return OnError(kNetPortFailed);
+  }
+  if (IsAborted()) {
+    dataConnection_.CloseConnection();
+    return OnError(kNetAborted);
+  }
+  SendCommand("STOR %s\r\n", remoteName);
+  if (!Between(GetReplyCode(), 100, 299)) {
+    dataConnection_.CloseConnection();
+    return OnError(kNetStorFailed);
+  }
+  if (dataConnection_.WaitForAccept(5) != 0 || dataConnection_.AcceptConnection() != kNetOk) {
+    dataConnection_.CloseConnection();
+    return OnError(kNetDataPortFailed);
+  }
+  result = dataConnection_.SendFromDataSource(source);
+  dataConnection_.CloseConnection();
+  if (result != kNetOk) {
+    GetReplyCode();
+    return OnError(result);
+  }
+  return OnError(Between(GetReplyCode(), 200, 299) ? kNetOk : kNetConnectTerminated);
+}
+
+int FtpClient::SendFile(const char* localPath, const char* remoteName) {
+  FileDataSource file(localPath, 4096);
+  int result = StoreFromDataSource(file, remoteName);
+  file.Close();
+  return result;
+}
+
+int FtpClient::FtpClose() {
+  if (Socket() != -1) Send("Quit\r\n", 6);
+  CloseConnection();
+  dataConnection_.CloseConnection();
+  connected_ = false;
+  return OnError(kNetOk);
+}
+
+}  // namespace corvane

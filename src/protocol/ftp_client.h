@@ -1,0 +1,61 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "protocol/data_source.h"
+#include "protocol/net_client.h"
+
+namespace corvane {
+
+// Puts files on an FTP server: log in (USER, PASS, ACCT as the server asks),
+// change or make a directory, store a file over an active (PORT) data
+// connection, quit. Every operation returns a result code (0 success).
+class FtpClient : public CNetClient {
+ public:
+  static constexpr int kMaxLine = 261;
+  static constexpr int kFirstDataPort = 10000;
+  static constexpr int kLastDataPort = 32000;
+  static constexpr int kDataPortAttempts = 128;
+
+  FtpClient();
+  ~FtpClient() override;
+
+  int FtpConnect(const char* host, const char* user, const char* password, const char* account);
+  int ChangeDir(const char* path);
+  int MakeDir(const char* path);
+  int SendFile(const char* localPath, const char* remoteName);
+  int StoreFromDataSource(DataSource& source, const char* remoteName);
+  // Sends "Quit" and closes both connections without waiting for an answer.
+  int FtpClose();
+
+  int SetTransferType(int kind);       // 0 "TYPE A", 1 "TYPE I"
+  int SetTransferMode(int kind);       // 0 "MODE S", 1 "MODE B", 2 "MODE C"
+  int SetTransferStructure(int kind);  // 0 "STRU F", 1 "STRU R", 2 "STRU P"
+
+  // The code of the next reply (a multi-line reply is read whole), 0 when
+  // none arrived.
+  int GetReplyCode();
+
+  void SetServerPort(unsigned port) { serverPort_ = port; }
+  int DataPort() const { return dataPort_; }
+  void SetDataPort(int port) { dataPort_ = port; }
+  const std::string& LastResponse() const { return lastResponse_; }
+  const std::vector<std::string>& ReplyLines() const { return replyLines_; }
+
+ private:
+  int SendCommand(const char* format, const char* argument = nullptr);
+  // Sends a command and maps its reply: 38 none, 0 for 200..299, else 10.
+  int SimpleCommand(const char* format, const char* argument);
+  int OpenDataPort();
+
+  CNetClient dataConnection_;
+  bool connected_ = false;
+  unsigned serverPort_ = 21;
+  int connectTimeOut_ = 5;
+  int dataPort_;
+  std::string lastResponse_;
+  std::vector<std::string> replyLines_;
+};
+
+}  // namespace corvane
