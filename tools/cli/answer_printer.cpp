@@ -113,9 +113,10 @@ std::string RenderJson(const std::vector<Entry>& entries) {
       case 3: {
         key(entry.name);
         out += "[";
-        std::string separator;
+        const char* separator = "";
         for (const std::string& value : SplitValues(entry.value)) {
-          out += separator + JsonString(value);
+          out += separator;
+          out += JsonString(value);
           separator = ",";
         }
         out += "]";
