@@ -1,0 +1,275 @@
+#include "mime/mime_composer.h"
+
+#include <fcntl.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "mime/encoded_words.h"
+#include "mime/gmime_handle.h"
+
+namespace corvane {
+namespace {
+
+constexpr size_t kFoldWidth = 78;
+constexpr int kWriteChunk = 1 << 20;
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+bool SameText(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// The field name as it goes on the wire: stored names end in ':' (table) or
+// in ": " (custom); a custom name given without its colon gets one.
+std::string WireName(std::string_view stored) {
+  std::string name;
+  for (char c : stored) {
+    if (c != '\r' && c != '\n') name += c;
+  }
+  while (!name.empty() && IsBlank(name.back())) name.pop_back();
+  if (name.empty() || name.back() != ':') name += ':';
+  return name;
+}
+
+// Appends one physical header line, broken before whitespace wherever the
+// line would pass the fold width; the first `keep` characters stay
+// together.
+void AppendFolded(std::string_view line, size_t keep, std::string& out) {
+  size_t width = 0;
+  size_t pieceBegin = 0;
+  for (size_t i = 1; i <= line.size(); ++i) {
+    bool boundary = i == line.size() || (i > keep && IsBlank(line[i]) && !IsBlank(line[i - 1]));
+    if (!boundary) continue;
+    std::string_view piece = line.substr(pieceBegin, i - pieceBegin);
+    if (width > 0 && width + piece.size() > kFoldWidth) {
+      out += "\r\n";
+      width = 0;
+    }
+    out += piece;
+    width += piece.size();
+    pieceBegin = i;
+  }
+  out += "\r\n";
+}
+
+void AppendField(std::string_view storedName, std::string_view value, std::string& out) {
+  std::string name = WireName(storedName);
+  // Each line of the value on its own; later lines become continuation
+  // lines, and blank ones are dropped, so the value stays one field.
+  std::vector<std::string_view> lines;
+  size_t begin = 0;
+  while (begin <= value.size()) {
+    size_t end = value.find_first_of("\r\n", begin);
+    if (end == std::string_view::npos) end = value.size();
+    std::string_view line = value.substr(begin, end - begin);
+    if (std::any_of(line.begin(), line.end(), [](char c) { return !IsBlank(c); })) {
+      lines.push_back(line);
+    }
+    begin = end + 1;
+  }
+  std::string first = name;
+  if (!lines.empty()) {
+    first += ' ';
+    std::string_view text = lines.front();
+    while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+    first += text;
+  }
+  AppendFolded(first, name.size() + 1, out);
+  for (size_t i = 1; i < lines.size(); ++i) {
+    std::string continued = IsBlank(lines[i].front()) ? "" : " ";
+    continued += lines[i];
+    AppendFolded(continued, 1, out);
+  }
+}
+
+std::string DomainOf(const std::string* from) {
+  if (from != nullptr) {
+    size_t at = from->find('@');
+    if (at != std::string::npos) {
+      size_t end = at + 1;
+      while (end < from->size() &&
+             (g_ascii_isalnum((*from)[end]) || (*from)[end] == '.' || (*from)[end] == '-')) {
+        ++end;
+      }
+      if (end > at + 1) return from->substr(at + 1, end - at - 1);
+    }
+  }
+  return "localhost";
+}
+
+std::string HeaderBlock(const MailMessage& message) {
+  std::string out;
+  for (const HeaderEntry& entry : message.Headers()) {
+    // The MIME structure below writes these itself.
+    if (entry.id == kFieldContentType) continue;
+    std::string name = WireName(entry.name);
+    if (SameText(name, "Content-Transfer-Encoding:")) continue;
+    AppendField(entry.name, entry.data, out);
+  }
+  if (message.CountHeaders(kFieldDate) == 0) {
+    std::unique_ptr<GDateTime, decltype(&g_date_time_unref)> now(g_date_time_new_now_local(),
+                                                                 &g_date_time_unref);
+    GCharHandle date(g_mime_utils_header_format_date(now.get()));
+    AppendField("Date:", date.get(), out);
+  }
+  if (message.CountHeaders(kFieldMessageId) == 0) {
+    std::string domain = DomainOf(message.HeaderValue(kFieldFrom, 0));
+    GCharHandle id(g_mime_utils_generate_message_id(domain.c_str()));
+    std::string value = "<";
+    value += id.get();
+    value += '>';
+    AppendField("Message-ID:", value, out);
+  }
+  if (message.CountHeaders(kFieldMimeVersion) == 0) AppendField("MIME-Version:", "1.0", out);
+  return out;
+}
+
+std::string CanonicalLineEnds(const std::string& text) {
+  std::string out;
+  out.reserve(text.size() + text.size() / 32);
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\n' && (i == 0 || text[i - 1] != '\r')) out += '\r';
+    out += text[i];
+  }
+  return out;
+}
+
+GMimeHandle<GMimePart> TextPart(const MailMessage& message) {
+  GMimeHandle<GMimePart> part(g_mime_part_new_with_type("text", "plain"));
+  std::string text = message.TextBody() ? CanonicalLineEnds(message.TextBody()->text) : "";
+  GMimeHandle<GMimeStream> content(g_mime_stream_mem_new_with_buffer(text.data(), text.size()));
+  GMimeHandle<GMimeDataWrapper> wrapper(
+      g_mime_data_wrapper_new_with_stream(content.get(), GMIME_CONTENT_ENCODING_DEFAULT));
+  g_mime_part_set_content(part.get(), wrapper.get());
+  GMimeContentEncoding encoding =
+      g_mime_part_get_best_content_encoding(part.get(), GMIME_ENCODING_CONSTRAINT_7BIT);
+  // An empty body leaves the library without a choice; it still needs a name.
+  if (encoding == GMIME_CONTENT_ENCODING_DEFAULT) encoding = GMIME_CONTENT_ENCODING_7BIT;
+  g_mime_part_set_content_encoding(part.get(), encoding);
+  return part;
+}
+
+std::string BaseName(const std::string& path) {
+  size_t slash = path.find_last_of("/\\");
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string AttachmentName(const std::string& path, const std::string& charset) {
+  std::string name = BaseName(path);
+  bool eightBit = std::any_of(name.begin(), name.end(),
+                              [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+  if (!eightBit) return name;
+  std::string encoded;
+  if (EncodeWords(name, charset, 'B', encoded) == kEncodeOk) return encoded;
+  // No usable charset to name: say so rather than pass bytes unlabelled.
+  EncodeWords(name, "unknown-8bit", 'B', encoded);
+  return encoded;
+}
+
+// A base64 part reading the file as the message is written; null when the
+// file cannot be opened.
+GMimeHandle<GMimePart> FilePart(const std::string& path, const std::string& charset) {
+  GError* rawError = nullptr;
+  GMimeHandle<GMimeStream> file(g_mime_stream_fs_open(path.c_str(), O_RDONLY, 0, &rawError));
+  GErrorHandle error(rawError);
+  if (!file) return nullptr;
+  GMimeHandle<GMimePart> part(g_mime_part_new_with_type("application", "octet-stream"));
+  GMimeHandle<GMimeDataWrapper> wrapper(
+      g_mime_data_wrapper_new_with_stream(file.get(), GMIME_CONTENT_ENCODING_DEFAULT));
+  g_mime_part_set_content(part.get(), wrapper.get());
+  g_mime_part_set_content_encoding(part.get(), GMIME_CONTENT_ENCODING_BASE64);
+  std::string name = AttachmentName(path, charset);
+  GMimeObject* object = GMIME_OBJECT(part.get());
+  g_mime_object_set_content_type_parameter(object, "name", name.c_str());
+  GMimeHandle<GMimeContentDisposition> disposition(g_mime_content_disposition_new());
+  g_mime_content_disposition_set_disposition(disposition.get(), GMIME_DISPOSITION_ATTACHMENT);
+  g_mime_object_set_content_disposition(object, disposition.get());
+  g_mime_object_set_content_disposition_parameter(object, "filename", name.c_str());
+  return part;
+}
+
+// The listed Content-Type when it is a text type, the text body's own.
+const std::string* ListedTextType(const MailMessage& message) {
+  const std::string* listed = message.HeaderValue(kFieldContentType, 0);
+  if (listed == nullptr || !SameText(std::string_view(*listed).substr(0, 5), "text/")) {
+    return nullptr;
+  }
+  return listed;
+}
+
+std::string TextContentType(const MailMessage& message) {
+  if (const std::string* listed = ListedTextType(message)) return *listed;
+  if (message.Charset().empty()) return "text/plain";
+  return "text/plain; charset=\"" + message.Charset() + "\"";
+}
+
+int WriteAll(std::string_view bytes, DataSource& target) {
+  if (target.Open(DataSource::kOpenWrite) != 0) return kMimeTargetOpenFailed;
+  while (!bytes.empty()) {
+    int n = static_cast<int>(std::min<size_t>(bytes.size(), kWriteChunk));
+    if (target.Write(bytes.data(), n) != n) {
+      target.Close();
+      return kMimeTargetWriteFailed;
+    }
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+  return target.Close() == 0 ? kMimeOk : kMimeTargetWriteFailed;
+}
+
+}  // namespace
+
+int ComposeMessage(const MailMessage& message, DataSource& target) {
+  EnsureGMimeInitialised();
+  FormatOptionsHandle options(g_mime_format_options_new());
+  g_mime_format_options_set_newline_format(options.get(), GMIME_NEWLINE_FORMAT_DOS);
+  GMimeHandle<GMimeStream> out(g_mime_stream_mem_new());
+  std::string headers = HeaderBlock(message);
+  GMimeHandle<GMimePart> text = TextPart(message);
+
+  if (message.AttachmentFiles().empty()) {
+    AppendField("Content-Type:", TextContentType(message), headers);
+    AppendField("Content-Transfer-Encoding:",
+                g_mime_content_encoding_to_string(g_mime_part_get_content_encoding(text.get())),
+                headers);
+    headers += "\r\n";
+    g_mime_stream_write(out.get(), headers.data(), headers.size());
+    g_mime_object_write_content_to_stream(GMIME_OBJECT(text.get()), options.get(), out.get());
+  } else {
+    if (const std::string* listed = ListedTextType(message)) {
+      GMimeHandle<GMimeContentType> type(g_mime_content_type_parse(nullptr, listed->c_str()));
+      if (type) g_mime_object_set_content_type(GMIME_OBJECT(text.get()), type.get());
+    }
+    if (!message.Charset().empty()) {
+      g_mime_object_set_content_type_parameter(GMIME_OBJECT(text.get()), "charset",
+                                               message.Charset().c_str());
+    }
+    GMimeHandle<GMimeMultipart> mixed(g_mime_multipart_new_with_subtype("mixed"));
+    g_mime_multipart_add(mixed.get(), GMIME_OBJECT(text.get()));
+    for (const std::string& path : message.AttachmentFiles()) {
+      GMimeHandle<GMimePart> file = FilePart(path, message.Charset());
+      if (!file) return kMimeFileOpenFailed;
+      g_mime_multipart_add(mixed.get(), GMIME_OBJECT(file.get()));
+    }
+    g_mime_stream_write(out.get(), headers.data(), headers.size());
+    if (g_mime_object_write_to_stream(GMIME_OBJECT(mixed.get()), options.get(), out.get()) < 0) {
+      return kMimeFileOpenFailed;  // a file that opened but could not be read
+    }
+  }
+
+  GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(out.get()));
+  std::string_view written(reinterpret_cast<const char*>(bytes->data), bytes->len);
+  if (written.size() < 2 || written.substr(written.size() - 2) != "\r\n") {
+    g_mime_stream_write(out.get(), "\r\n", 2);
+    written = std::string_view(reinterpret_cast<const char*>(bytes->data), bytes->len);
+  }
+  return WriteAll(written, target);
+}
+
+}  // namespace corvane
