@@ -5,6 +5,7 @@
 #include <string>
 
 #include "mime/default_charset.h"
+#include "support/scoped_env.h"
 
 namespace corvane {
 namespace {
@@ -39,31 +40,7 @@ TEST(DefaultCharsetTest, GivesUsAsciiForLocalesWithoutAnAnsiCodePage) {
   EXPECT_EQ(DefaultCharsetForLocale("zhx_CN"), "us-ascii");
 }
 
-// Sets an environment variable for one test and puts the old value back.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    if (value) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
+using test::ScopedEnv;
 
 TEST(DefaultCharsetTest, TakesTheFirstSetOfLcAllLcCtypeAndLang) {
   {

@@ -18,6 +18,7 @@
 #include "protocol/buffer_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/pop3_client.h"
+#include "support/scoped_env.h"
 #include "support/temp_dir.h"
 
 namespace corvane {
@@ -28,29 +29,7 @@ using test::Pop3ServerEnv;
 using test::ReadFile;
 using test::TempDir;
 
-// Sets an environment variable for as long as the object lives. OpenSSL
-// reads SSL_CERT_FILE each time a TLS context loads its default paths, so this
-// decides which CA one connection trusts without touching any other test.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
+using test::ScopedEnv;
 
 // The file of the message whose UIDL is `uid` (its base name), in new/ or cur/.
 std::string MessageFile(const std::string& maildir, const std::string& uid) {

@@ -12,6 +12,7 @@
 #include "protocol/file_data_source.h"
 #include "protocol/net_client.h"
 #include "protocol/secure_socket_client.h"
+#include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
 #include "support/tls_test_ca.h"
@@ -39,25 +40,7 @@ class TlsClient : public CNetClient {
   }
 };
 
-// Sets an environment variable for one scope and puts the old value back.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    ::setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      ::setenv(name_, old_->c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
+using test::ScopedEnv;
 
 class SecureSocketTest : public ::testing::Test {
  protected:
