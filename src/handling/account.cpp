@@ -12,6 +12,15 @@ std::string AccountKey(std::string_view login, std::string_view pop3Host) {
   return key;
 }
 
+std::string AccountCacheDirectory(std::string_view programDirectory, std::string_view login,
+                                  std::string_view pop3Host) {
+  std::string directory(programDirectory);
+  directory += "/cache/";
+  directory += AccountKey(login, pop3Host);
+  directory += '/';
+  return directory;
+}
+
 std::string Account::FormatLine() const {
   return login + ',' + pop3Host + ',' + password + ',' + std::to_string(port) + ',' + mobile + ',' +
          std::to_string(polling);

@@ -12,6 +12,11 @@ namespace corvane {
 // else "login@pop3Host".
 std::string AccountKey(std::string_view login, std::string_view pop3Host);
 
+// Where a mailbox's cache files live, "/" at the end: "<program
+// directory>/cache/" followed by the account key.
+std::string AccountCacheDirectory(std::string_view programDirectory, std::string_view login,
+                                  std::string_view pop3Host);
+
 // One registered POP3 account. The registry shares it with the operations that
 // use it, so a "delete" never pulls it from under a request in progress.
 struct Account {

@@ -94,12 +94,7 @@ bool AccountRegistry::Add(std::shared_ptr<Account> account) {
 }
 
 void AccountRegistry::PrepareCacheDirectory(Account& account) const {
-  std::string directory = programDirectory_ + "/cache/";
-  if (account.login.find('@') == std::string::npos) {
-    directory += account.login + "@" + account.pop3Host + "/";
-  } else {
-    directory += account.login + "/";
-  }
+  std::string directory = AccountCacheDirectory(programDirectory_, account.login, account.pop3Host);
   EnsureDirectory(directory);
   std::lock_guard guard(account.lock);
   account.cacheDirectory = directory;

@@ -40,6 +40,8 @@ class AccountRegistry {
   // The accounts in insertion order, for a polling pass.
   std::vector<std::shared_ptr<Account>> Accounts() const;
   size_t Count() const;
+  // The base of every mailbox's cache directory.
+  const std::string& ProgramDirectory() const { return programDirectory_; }
 
   // Bucket of a key: h = c + h * 4 over the key's bytes taken as signed,
   // negated when negative, modulo the bucket count.

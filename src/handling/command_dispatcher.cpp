@@ -2,26 +2,53 @@
 
 #include "handling/config_mail.h"
 #include "handling/process_registry.h"
-#include "handling/request_fields.h"
+#include "mail/mail_lister.h"
+#include "mail/mail_receiver.h"
 #include "service/process_log.h"
+#include "service/service_settings.h"
+#include "transport/request_fields.h"
 #include "transport/response_entries.h"
 
 namespace corvane {
 namespace {
 
-constexpr unsigned kOpenNode = 1;
-constexpr unsigned kField = 2;
-constexpr unsigned kCloseNode = 5;
-
 using Operation = void (*)(RequestFields& request, wxEntryLog& answer);
 
-void RunConfigMail(RequestFields& request, wxEntryLog& answer) {
+// The registry the operations work on; none only while the gateway shuts
+// down, when the request is answered as failed.
+std::shared_ptr<AccountRegistry> RegistryOrFailure(wxEntryLog& answer, std::string_view reason) {
   std::shared_ptr<AccountRegistry> registry = g_accountRegistry.load();
-  if (!registry) {
-    // Only while the gateway is shutting down.
-    WriteFailure(answer, "Account is not exist");
-    return;
-  }
+  if (!registry) WriteFailure(answer, reason);
+  return registry;
+}
+
+void RunListMail(RequestFields& request, wxEntryLog& answer) {
+  std::shared_ptr<AccountRegistry> registry =
+      RegistryOrFailure(answer, "Connect pop3 server error");
+  if (!registry) return;
+  MailLister lister(request, *registry);
+  if (lister.Open(answer) != 0) return;
+  lister.GatherItems(g_settings.subjectLength);
+  lister.WriteRows(answer);
+  lister.UpdateKnownUids();
+}
+
+void RunReceiveMail(RequestFields& request, wxEntryLog& answer) {
+  std::shared_ptr<AccountRegistry> registry = RegistryOrFailure(answer, "Load pop3 message error");
+  if (!registry) return;
+  MailReceiver receiver(request, *registry);
+  if (receiver.Fetch(answer, g_settings.pop3Timeout) != 0) return;
+  receiver.Render();
+  receiver.ConvertHtmlBody();
+  receiver.SaveAttachments();
+  receiver.ApplyDefaultBody(g_settings.defaultBody);
+  receiver.WriteAnswer(answer);
+  receiver.RecordKnownUid();
+}
+
+void RunConfigMail(RequestFields& request, wxEntryLog& answer) {
+  std::shared_ptr<AccountRegistry> registry = RegistryOrFailure(answer, "Account is not exist");
+  if (!registry) return;
   ConfigMail(request, *registry, answer);
 }
 
@@ -30,6 +57,8 @@ constexpr struct {
   const char* name;
   Operation run;
 } kCommands[] = {
+    {"ListMail", RunListMail},
+    {"ReceiveMail", RunReceiveMail},
     {"ConfigMail", RunConfigMail},
 };
 
@@ -44,8 +73,8 @@ std::string CommandDispatcher::Dispatch(std::string_view bytes) const {
 
   wxEntryLog answer;
   answer.SetRecording(true);
-  answer.AddEntryText(kOpenNode, "sysRESPONSE", "aResponse");
-  answer.AddEntryText(kField, "Command", command);
+  answer.AddEntryText(kEntryOpenRecord, "sysRESPONSE", "aResponse");
+  answer.AddEntryText(kEntryField, "Command", command);
   if (!command) {
     WriteFailure(answer, "Request command is wrong");
   } else {
@@ -66,7 +95,7 @@ std::string CommandDispatcher::Dispatch(std::string_view bytes) const {
   // GB2312: "request answered".
   WriteLog(kLogDebug, "\xCF\xEC\xD3\xA6\xC7\xEB\xC7\xF3\xCD\xEA\xB1\xCF Command: %s\n",
            commandText);
-  answer.AddEntryText(kCloseNode, "0", std::nullopt);
+  answer.AddEntryText(kEntryCloseRecord, "0", std::nullopt);
   return answer.Serialize();
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "handling/account_registry.h"
-#include "handling/request_fields.h"
+#include "transport/request_fields.h"
 #include "transport/wx_entry_log.h"
 
 namespace corvane {

@@ -1,17 +1,18 @@
 #include "transport/response_entries.h"
 
 namespace corvane {
-namespace {
-constexpr unsigned kFieldEntry = 2;
-}
-
 void WriteSuccess(wxEntryLog& answer) {
-  answer.AddEntryText(kFieldEntry, "Status", "success");
+  answer.AddEntryText(kEntryField, "Status", "success");
 }
 
 void WriteFailure(wxEntryLog& answer, std::string_view reason) {
-  answer.AddEntryText(kFieldEntry, "Status", "fail");
-  answer.AddEntryText(kFieldEntry, "Log", reason);
+  answer.AddEntryText(kEntryField, "Status", "fail");
+  answer.AddEntryText(kEntryField, "Log", reason);
+}
+
+void WriteParameterRecord(wxEntryLog& answer) {
+  answer.AddEntryText(kEntryCloseRecord, "0", std::nullopt);
+  answer.AddEntryText(kEntryOpenRecord, "sysPARAMETER", "aParam");
 }
 
 }  // namespace corvane

@@ -1,4 +1,4 @@
-#include "handling/request_fields.h"
+#include "transport/request_fields.h"
 
 namespace corvane {
 namespace {

@@ -1,0 +1,135 @@
+#include "mail/known_uids.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <unordered_set>
+
+#include "mail/cached_message.h"
+#include "service/process_log.h"
+
+namespace corvane {
+namespace {
+
+constexpr size_t kMaxListBytes = 65534;
+constexpr char kListFileName[] = "mail.list";
+
+struct FileCloser {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using FilePointer = std::unique_ptr<FILE, FileCloser>;
+
+bool FileExists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+// Adds through `change` either to the registered account's list (under its
+// lock, saved when changed) or to the mailbox's file alone.
+template <typename Change>
+void UpdateKnownUids(const AccountRegistry& registry, const std::string& key,
+                     const std::string& cacheDirectory, Change change) {
+  std::shared_ptr<Account> account = registry.Find(key);
+  if (!account) {
+    std::string path = cacheDirectory + kListFileName;
+    std::vector<std::string> known = ReadKnownUids(path);
+    if (change(known, cacheDirectory) > 0) SaveKnownUids(path, known);
+    return;
+  }
+  std::lock_guard guard(account->lock);
+  EnsureKnownUidsLoaded(*account);
+  if (change(account->knownUids, account->cacheDirectory) > 0) {
+    SaveKnownUids(account->mailListPath, account->knownUids);
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> ReadKnownUids(const std::string& path) {
+  std::vector<std::string> ids;
+  FilePointer file(std::fopen(path.c_str(), "r"));
+  if (!file) return ids;
+  std::string text(kMaxListBytes, '\0');
+  text.resize(std::fread(text.data(), 1, kMaxListBytes, file.get()));
+  // The list is one C string: a zero byte ends it.
+  text.resize(std::min(text.size(), text.find('\0')));
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t end = text.find(',', start);
+    if (end == std::string::npos) end = text.size();
+    if (end > start) ids.emplace_back(text, start, end - start);
+    start = end + 1;
+  }
+  return ids;
+}
+
+void SaveKnownUids(const std::string& path, const std::vector<std::string>& ids) {
+  std::remove(path.c_str());
+  if (ids.empty()) return;
+  FilePointer file(std::fopen(path.c_str(), "w"));
+  if (!file) return;
+  for (size_t i = 0; i < ids.size(); ++i) {
+    if (i > 0) std::fputc(',', file.get());
+    std::fwrite(ids[i].data(), 1, ids[i].size(), file.get());
+  }
+}
+
+int PruneKnownUids(std::vector<std::string>& known, const std::vector<std::string>& serverIds,
+                   const std::string& cacheDirectory) {
+  std::unordered_set<std::string_view> onServer(serverIds.begin(), serverIds.end());
+  int removed = 0;
+  std::vector<std::string> kept;
+  kept.reserve(known.size());
+  for (std::string& id : known) {
+    if (onServer.count(id) > 0) {
+      kept.push_back(std::move(id));
+      continue;
+    }
+    ++removed;
+    std::string cached = CachedMessagePath(cacheDirectory, id);
+    if (FileExists(cached)) {
+      WriteLog(kLogDebug, "Delete cache message file: %s\n", cached.c_str());
+      std::remove(cached.c_str());
+    }
+  }
+  known = std::move(kept);
+  return removed;
+}
+
+int AddKnownUids(std::vector<std::string>& known, const std::vector<std::string>& ids) {
+  std::unordered_set<std::string> present(known.begin(), known.end());
+  int added = 0;
+  for (const std::string& id : ids) {
+    if (present.insert(id).second) {
+      known.push_back(id);
+      ++added;
+    }
+  }
+  return added;
+}
+
+void EnsureKnownUidsLoaded(Account& account) {
+  if (account.knownUidsLoaded) return;
+  account.knownUids = ReadKnownUids(account.mailListPath);
+  account.knownUidsLoaded = true;
+}
+
+void SyncKnownUids(const AccountRegistry& registry, const std::string& key,
+                   const std::string& cacheDirectory, const std::vector<std::string>& serverIds) {
+  UpdateKnownUids(registry, key, cacheDirectory,
+                  [&](std::vector<std::string>& known, const std::string& directory) {
+                    int pruned = PruneKnownUids(known, serverIds, directory);
+                    return pruned + AddKnownUids(known, serverIds);
+                  });
+}
+
+void RecordKnownUid(const AccountRegistry& registry, const std::string& key,
+                    const std::string& cacheDirectory, const std::string& uid) {
+  UpdateKnownUids(registry, key, cacheDirectory,
+                  [&](std::vector<std::string>& known, const std::string&) {
+                    return AddKnownUids(known, {uid});
+                  });
+}
+
+}  // namespace corvane

@@ -1,0 +1,154 @@
+#include "mail/mail_lister.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "mail/header_display.h"
+#include "mail/known_uids.h"
+#include "mail/mail_date.h"
+#include "mail/text_shortening.h"
+#include "mime/mail_message.h"
+#include "protocol/buffer_data_source.h"
+#include "protocol/net_error.h"
+#include "service/process_log.h"
+#include "service/program_paths.h"
+#include "transport/counted_string.h"
+#include "transport/response_entries.h"
+
+namespace corvane {
+namespace {
+
+constexpr int kHeaderLineRoom = 1024;  // 1023 characters and the terminator
+constexpr int kMissingField = 100;
+constexpr char kMissingFieldText[] = "The parameter of request is not enough";
+
+std::string DisplayHeader(const MailMessage& message, HeaderFieldId field,
+                          const std::string& targetCharset) {
+  std::optional<std::string> value = message.JoinedHeaderValues(field);
+  return value ? DecodeHeaderForDisplay(*value, targetCharset) : std::string();
+}
+
+}  // namespace
+
+MailLister::MailLister(RequestFields& request, const AccountRegistry& registry)
+    : registry_(registry), mailbox_(MailboxLogin::FromRequest(request)) {
+  targetCharset_ = request.Parameter("Encode").value_or("gb2312");
+  // Only a second value of "Order" counts: a single "Desc" keeps server order.
+  order_ = request.ParameterAt("Order", 2).value_or("Asc");
+  if (mailbox_.Complete()) {
+    cacheDirectory_ =
+        AccountCacheDirectory(registry_.ProgramDirectory(), *mailbox_.login, *mailbox_.pop3Host);
+    EnsureDirectory(cacheDirectory_);
+    listCachePath_ = cacheDirectory_ + "list.cache";
+  }
+}
+
+MailLister::~MailLister() {
+  if (connected_) client_.POP3Close();
+}
+
+int MailLister::Open(wxEntryLog& answer) {
+  if (!mailbox_.Complete()) {
+    WriteFailure(answer, kMissingFieldText);
+    WriteLog(kLogError, "%s\n", kMissingFieldText);
+    return kMissingField;
+  }
+  int result = OpenMailbox(client_, mailbox_);
+  if (result != 0) {
+    WriteFailure(answer, "Connect pop3 server error");
+    WriteLog(kLogError, "%s connect pop3 server error: %s\n", mailbox_.login->c_str(),
+             CNetError::GetErrorString(result));
+    return result;
+  }
+  connected_ = true;
+  client_.GetNumMsgs(&count_);
+  WriteSuccess(answer);
+  if (count_ < 1) {
+    std::remove(listCachePath_.c_str());
+    count_ = 0;
+    return 0;
+  }
+  WriteLog(kLogDebug, "You have %d mails in mailbox\n", count_);
+  items_.reserve(static_cast<size_t>(count_));
+  client_.GetUIDL(0);
+  WriteParameterRecord(answer);
+  if (access(listCachePath_.c_str(), F_OK) == 0) {
+    WriteLog(kLogDebug, "Load mail list cache in %s\n", listCachePath_.c_str());
+    cache_ = ReadListCache(listCachePath_);
+  }
+  return 0;
+}
+
+void MailLister::GatherItems(int subjectLength) {
+  for (int number = 1; number <= count_; ++number) {
+    const char* uidText = client_.GetUID(number);
+    // A message the id list does not name cannot be asked for later.
+    if (uidText == nullptr) continue;
+    std::string uid = uidText;
+    if (const MailListItem* cached = cache_.Find(uid)) {
+      WriteLog(kLogDebug, "Get list item %d/%d from cache UID: %s\n", number, count_, uid.c_str());
+      serverUids_.push_back(uid);
+      items_.push_back(*cached);
+      continue;
+    }
+    int result = client_.OpenTop(number, 0);
+    if (result != 0) {
+      WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox_.login->c_str(),
+               CNetError::GetErrorString(result));
+      continue;
+    }
+    std::string header;
+    char line[kHeaderLineRoom];
+    while (client_.ReadTopLine(line, kHeaderLineRoom) > 0) header += line;
+    BuildItem(number, uid, header, subjectLength);
+    client_.CloseTop();
+  }
+  if (!items_.empty()) WriteListCache(listCachePath_, items_);
+}
+
+bool MailLister::BuildItem(int number, const std::string& uid, const std::string& header,
+                           int subjectLength) {
+  MailMessage message;
+  BufferDataSource source(static_cast<int64_t>(header.size()));
+  source.Open(DataSource::kOpenWrite);
+  source.Write(header.data(), static_cast<int>(header.size()));
+  if (message.Load(source) != 0) return false;
+
+  WriteLog(kLogDebug, "Get mail %d/%d UID: %s\n", number, count_, uid.c_str());
+  serverUids_.push_back(uid);
+  std::string from = DisplayHeader(message, kFieldFrom, targetCharset_);
+  std::string subject = DisplayHeader(message, kFieldSubject, targetCharset_);
+  if (subjectLength > 0) ShortenText(subject, subjectLength);
+  int32_t time = ParseMailDate(message.JoinedHeaderValues(kFieldDate));
+  std::optional<std::string> contentType = message.JoinedHeaderValues(kFieldContentType);
+  bool mixed = contentType && contentType->find("multipart/mixed;") != std::string::npos;
+
+  MailListItem item;
+  item.time = time;
+  item.uid = uid;
+  CountedString::AppendTo(item.row, uid);
+  CountedString::AppendTo(item.row, from);
+  CountedString::AppendTo(item.row, subject);
+  CountedString::AppendTo(item.row, FormatLocalMinute(time));
+  CountedString::AppendTo(item.row, mixed ? "1" : "0");
+  items_.push_back(std::move(item));
+  return true;
+}
+
+void MailLister::WriteRows(wxEntryLog& answer) {
+  if (order_ == "Desc") {
+    std::sort(items_.begin(), items_.end(),
+              [](const MailListItem& a, const MailListItem& b) { return a.time > b.time; });
+  }
+  for (size_t k = 0; k < items_.size(); ++k) {
+    answer.AddEntryText(kEntryField, "Row" + std::to_string(k), items_[k].row);
+  }
+}
+
+void MailLister::UpdateKnownUids() {
+  SyncKnownUids(registry_, mailbox_.Key(), cacheDirectory_, serverUids_);
+}
+
+}  // namespace corvane

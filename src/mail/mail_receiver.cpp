@@ -1,0 +1,247 @@
+#include "mail/mail_receiver.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "mail/attachment_upload.h"
+#include "mail/cached_message.h"
+#include "mail/header_display.h"
+#include "mail/html_to_text.h"
+#include "mail/known_uids.h"
+#include "mail/mail_date.h"
+#include "mail/text_helpers.h"
+#include "mail/text_shortening.h"
+#include "mime/charset_converter.h"
+#include "protocol/file_data_source.h"
+#include "protocol/net_codes.h"
+#include "protocol/net_error.h"
+#include "service/process_log.h"
+#include "service/program_paths.h"
+#include "service/service_settings.h"
+#include "transport/response_entries.h"
+
+namespace corvane {
+namespace {
+
+constexpr int kMissingField = 100;
+constexpr char kMissingFieldText[] = "The parameter of request is not enough";
+constexpr long kDoubleTimeoutSize = 2048001;
+constexpr long kTripleTimeoutSize = 3072001;
+constexpr size_t kMaxAttachmentName = 259;
+
+bool FileExists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+int LoadMessageFile(MailMessage& message, const std::string& path) {
+  FileDataSource file(path);
+  return message.Load(file);
+}
+
+// An attachment's name as a file name inside the target directory: a name
+// from a message must not lead out of it.
+std::string SafeFileName(std::string name) {
+  for (char& c : name) {
+    if (c == '/') c = '_';
+  }
+  if (name == "." || name == "..") name = "_";
+  return name;
+}
+
+const char* OrNull(const std::optional<BodyText>& body) {
+  return body ? body->charset.c_str() : "(null)";
+}
+
+}  // namespace
+
+MailReceiver::MailReceiver(RequestFields& request, const AccountRegistry& registry)
+    : registry_(registry), mailbox_(MailboxLogin::FromRequest(request)) {
+  targetCharset_ = request.Parameter("Encode").value_or("gb2312");
+  uid_ = request.Parameter("ID");
+  destination_ = request.Parameter("Attachment");
+}
+
+MailReceiver::~MailReceiver() {
+  if (connected_) client_.POP3Close();
+}
+
+int MailReceiver::Fetch(wxEntryLog& answer, int pop3TimeoutSeconds) {
+  if (!mailbox_.Complete() || !uid_) {
+    WriteFailure(answer, kMissingFieldText);
+    WriteLog(kLogError, "%s\n", kMissingFieldText);
+    return kMissingField;
+  }
+  int result = OpenMailbox(client_, mailbox_);
+  if (result == 0) {
+    connected_ = true;
+    pop3Timeout_ = pop3TimeoutSeconds;
+    client_.SetPOP3TimeOut(pop3Timeout_);
+    cacheDirectory_ =
+        AccountCacheDirectory(registry_.ProgramDirectory(), *mailbox_.login, *mailbox_.pop3Host);
+    EnsureDirectory(cacheDirectory_);
+    std::string cachedPath = CachedMessagePath(cacheDirectory_, *uid_);
+    if (FileExists(cachedPath) && LoadMessageFile(message_, cachedPath) == 0) {
+      WriteLog(kLogDebug, "Load mail from cache: %s success\n", cachedPath.c_str());
+    } else {
+      result = FetchFromServer(cachedPath);
+    }
+    client_.CloseMsg();
+    client_.POP3Close();
+    connected_ = false;
+  }
+  if (result != 0) {
+    WriteFailure(answer, "Load pop3 message error");
+    WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox_.login->c_str(),
+             CNetError::GetErrorString(result));
+  }
+  return result;
+}
+
+int MailReceiver::FetchFromServer(const std::string& cachedPath) {
+  int count = 0;
+  client_.GetNumMsgs(&count);
+  int result = client_.GetUIDL(0);
+  WriteLog(kLogDebug, "Search message id from UID: %s\n", uid_->c_str());
+  int number = 0;
+  for (int i = 1; i <= count && number == 0; ++i) {
+    const char* uid = client_.GetUID(i);
+    if (uid != nullptr && *uid_ == uid) number = i;
+  }
+  if (number == 0) {
+    WriteLog(kLogError, "The mail is not found from UID: %s\n", uid_->c_str());
+    return result != 0 ? result : kNetUidlFailed;
+  }
+  long size = 0;
+  client_.GetMsgSize(number, &size);
+  WriteLog(kLogDebug, "Message size is: %ld\n", size);
+  if (size >= kTripleTimeoutSize) {
+    client_.SetPOP3TimeOut(pop3Timeout_ * 3);
+  } else if (size >= kDoubleTimeoutSize) {
+    client_.SetPOP3TimeOut(pop3Timeout_ * 2);
+  }
+
+  // Retrieved under a name of its own and renamed when complete, so the
+  // cache never holds a cut-short message, not even after a crash, and two
+  // retrievals of the same message do not write into one file.
+  std::string partPath = cachedPath + ".XXXXXX";
+  int fd = mkstemp(partPath.data());
+  if (fd < 0) return kNetFileOpenFailed;
+  close(fd);
+  result = client_.RetrieveToFile(number, partPath.c_str());
+  if (result != 0) {
+    WriteLog(kLogDebug, "POP3 TimeOut is: %d\n", client_.GetPOP3TimeOut());
+    WriteLog(kLogError, "Retreive mail data fail: %s\n", CNetError::GetErrorString(result));
+    std::remove(partPath.c_str());
+    return result;
+  }
+  if (std::rename(partPath.c_str(), cachedPath.c_str()) != 0) {
+    std::remove(partPath.c_str());
+    return kNetDataSourceWriteFailed;
+  }
+  return LoadMessageFile(message_, cachedPath);
+}
+
+std::optional<std::string> MailReceiver::DisplayHeader(HeaderFieldId field) const {
+  std::optional<std::string> value = message_.JoinedHeaderValues(field);
+  if (!value) return std::nullopt;
+  return DecodeHeaderForDisplay(*value, targetCharset_);
+}
+
+void MailReceiver::Render() {
+  rendered_.from = DisplayHeader(kFieldFrom);
+  rendered_.to = DisplayHeader(kFieldTo);
+  rendered_.cc = DisplayHeader(kFieldCc);
+  rendered_.subject = DisplayHeader(kFieldSubject);
+  if (std::optional<std::string> date = message_.JoinedHeaderValues(kFieldDate)) {
+    rendered_.date = FormatLocalMinute(ParseMailDate(*date));
+  }
+  if (const std::string* priority = message_.HeaderValueByName("X-Priority: ", 0)) {
+    rendered_.priority = *priority;
+  }
+  WriteLog(kLogDebug, "The mail from: %s\n", rendered_.from.value_or("(null)").c_str());
+  WriteLog(kLogDebug, "Subject: %s\n", rendered_.subject.value_or("(null)").c_str());
+
+  const std::optional<BodyText>& text = message_.TextBody();
+  const std::optional<BodyText>& html = message_.HtmlBody();
+  WriteLog(kLogDebug, "Text Charset: %s\n", OrNull(text));
+  WriteLog(kLogDebug, "Html Charset: %s\n", OrNull(html));
+  const std::optional<BodyText>& body = text ? text : html;
+  if (!body) return;
+  std::string charset = body->charset;
+  if (charset.empty()) {
+    std::optional<std::string> contentType = message_.JoinedHeaderValues(kFieldContentType);
+    WriteLog(kLogDebug, "Content-type: %s\n", contentType.value_or("(null)").c_str());
+    if (contentType) charset = ExtractCharset(*contentType).value_or("");
+  }
+  std::optional<std::string> converted = ConvertCharset(charset, targetCharset_, body->text);
+  rendered_.body = converted ? std::move(*converted) : body->text;
+}
+
+void MailReceiver::ConvertHtmlBody() {
+  if (message_.TextBody() || !message_.HtmlBody() || !rendered_.body) return;
+  WriteLog(kLogDebug, "Convert html body to text\n");
+  rendered_.body = HtmlBodyToText(*rendered_.body);
+}
+
+void MailReceiver::SaveAttachments() {
+  if (message_.AttachmentCount() == 0 || !destination_) return;
+  std::string destination = *destination_;
+  ftpDirectory_ = FtpPathOfUrl(destination);
+  if (ftpDirectory_) {
+    attachmentDirectory_ = cacheDirectory_;
+  } else {
+    attachmentDirectory_ = destination;
+    char last = destination.empty() ? '\0' : destination.back();
+    if (last != '/' && last != '\\') attachmentDirectory_ += '/';
+  }
+  for (int i = 0; i < message_.AttachmentCount(); ++i) {
+    const std::string* rawName = message_.AttachmentName(i);
+    if (rawName == nullptr) continue;
+    std::string name = SafeFileName(DecodeHeaderForDisplay(
+        std::string_view(*rawName).substr(0, kMaxAttachmentName), targetCharset_));
+    std::string path = attachmentDirectory_ + name;
+    WriteLog(kLogDebug, "Save attachment file %s in local directory\n", path.c_str());
+    int64_t size = message_.SaveAttachment(i, path);
+    rendered_.attachments.push_back({std::move(name), size});
+  }
+}
+
+void MailReceiver::ApplyDefaultBody(const std::optional<std::string>& defaultBody) {
+  if (rendered_.body || !defaultBody) return;
+  rendered_.body = *defaultBody;
+}
+
+void MailReceiver::WriteAnswer(wxEntryLog& answer) {
+  WriteSuccess(answer);
+  WriteParameterRecord(answer);
+  const std::pair<const char*, const std::optional<std::string>*> fields[] = {
+      {"From", &rendered_.from},         {"To", &rendered_.to},     {"Cc", &rendered_.cc},
+      {"Subject", &rendered_.subject},   {"Date", &rendered_.date}, {"Body", &rendered_.body},
+      {"Priority", &rendered_.priority},
+  };
+  for (const auto& [name, value] : fields) {
+    if (*value) answer.AddEntryText(kEntryField, name, **value);
+  }
+  for (size_t k = 0; k < rendered_.attachments.size(); ++k) {
+    const RenderedMail::Attachment& attachment = rendered_.attachments[k];
+    if (ftpDirectory_) {
+      std::string path = attachmentDirectory_ + attachment.name;
+      std::string host = g_settings.ftpHost.value_or("");
+      WriteLog(kLogDebug, "Upload attachment file %s to ftp server %s\n", path.c_str(),
+               g_settings.ftpHost ? host.c_str() : "(null)");
+      UploadToFtp(host, g_settings.ftpLogin.value_or(""), g_settings.ftpPassword.value_or(""), path,
+                  attachment.name, ftpDirectory_);
+      std::remove(path.c_str());
+    }
+    answer.AddEntryText(kEntryListItem, "Attachment" + std::to_string(k),
+                        attachment.name + "," + std::to_string(attachment.size));
+  }
+}
+
+void MailReceiver::RecordKnownUid() {
+  corvane::RecordKnownUid(registry_, mailbox_.Key(), cacheDirectory_, *uid_);
+}
+
+}  // namespace corvane

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "handling/account_registry.h"
+#include "mail/mailbox_connection.h"
+#include "mime/mail_message.h"
+#include "protocol/pop3_client.h"
+#include "transport/request_fields.h"
+#include "transport/wx_entry_log.h"
+
+namespace corvane {
+
+// A message as the client reads it: display texts in the client's charset.
+struct RenderedMail {
+  std::optional<std::string> from, to, cc, subject, date, body, priority;
+  struct Attachment {
+    std::string name;  // the file name it was saved under
+    int64_t size = 0;  // bytes decoded, -1 when it could not be written
+  };
+  std::vector<Attachment> attachments;
+};
+
+// "ReceiveMail": one message as plain text. The whole message is kept as
+// "<id>.txt" in the mailbox's cache directory and served from there later,
+// but only after the POP3 login has succeeded: the login is the
+// authorisation. The dispatcher calls Fetch, then (when it gave 0) Render,
+// ConvertHtmlBody, SaveAttachments, ApplyDefaultBody, WriteAnswer and
+// RecordKnownUid.
+class MailReceiver {
+ public:
+  MailReceiver(RequestFields& request, const AccountRegistry& registry);
+  ~MailReceiver();
+  MailReceiver(const MailReceiver&) = delete;
+  MailReceiver& operator=(const MailReceiver&) = delete;
+
+  // Logs in and loads the message from the cache or the server, with the
+  // receive time-out `pop3TimeoutSeconds` (doubled from 2 MB, tripled from
+  // 3 MB). 0, 100 when a required field is missing, or a result code; a
+  // failure is answered here.
+  int Fetch(wxEntryLog& answer, int pop3TimeoutSeconds);
+  // Header fields for display and the body converted to the target charset.
+  void Render();
+  // An HTML-only body becomes plain text.
+  void ConvertHtmlBody();
+  // Decodes the named attachments into the "Attachment" directory, or into
+  // the cache directory when it is an FTP address (uploaded by WriteAnswer).
+  void SaveAttachments();
+  void ApplyDefaultBody(const std::optional<std::string>& defaultBody);
+  // Writes the success answer; uploads FTP-bound attachments first and
+  // deletes their local copies, whether or not the upload worked.
+  void WriteAnswer(wxEntryLog& answer);
+  // Adds the id to the mailbox's known-id list.
+  void RecordKnownUid();
+
+  const MailMessage& Message() const { return message_; }
+  const RenderedMail& Rendered() const { return rendered_; }
+  RenderedMail& Rendered() { return rendered_; }
+  // Where the attachments were saved ("/" at the end), empty before saving.
+  const std::string& AttachmentDirectory() const { return attachmentDirectory_; }
+
+ private:
+  int FetchFromServer(const std::string& cachedPath);
+  std::optional<std::string> DisplayHeader(HeaderFieldId field) const;
+
+  const AccountRegistry& registry_;
+  MailboxLogin mailbox_;
+  std::string targetCharset_;
+  std::optional<std::string> uid_;
+  std::optional<std::string> destination_;
+  std::string cacheDirectory_;
+  Pop3Client client_;
+  bool connected_ = false;
+  int pop3Timeout_ = 0;
+  MailMessage message_;
+  RenderedMail rendered_;
+  std::string attachmentDirectory_;
+  std::optional<std::string> ftpDirectory_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,39 @@
+#include "mail/mailbox_connection.h"
+
+#include "handling/account.h"
+#include "service/decimal_text.h"
+
+namespace corvane {
+namespace {
+
+constexpr int kPop3sPort = 995;
+// Chain and host name checked against the system's trust store.
+constexpr int kVerifyChainAndHost = 2;
+
+}  // namespace
+
+MailboxLogin MailboxLogin::FromRequest(RequestFields& request) {
+  MailboxLogin mailbox;
+  mailbox.pop3Host = request.Request("Pop3");
+  if (std::optional<std::string> port = request.Request("Port")) mailbox.port = std::move(*port);
+  mailbox.login = request.Request("Login");
+  mailbox.password = request.Request("Pwd");
+  return mailbox;
+}
+
+std::string MailboxLogin::Key() const {
+  return AccountKey(*login, *pop3Host);
+}
+
+int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
+  int port = ReadDecimal(mailbox.port);
+  if (port == kPop3sPort) {
+    client.SetSecurityEnabled(true);
+    client.SetCertValidation(kVerifyChainAndHost);
+  }
+  client.SetPort(static_cast<unsigned>(port));
+  return client.POP3Connect(mailbox.pop3Host->c_str(), mailbox.login->c_str(),
+                            mailbox.password->c_str());
+}
+
+}  // namespace corvane

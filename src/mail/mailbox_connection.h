@@ -1,0 +1,31 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "protocol/pop3_client.h"
+#include "transport/request_fields.h"
+
+namespace corvane {
+
+// The account a mail request names: "Pop3", "Port" (default "110"), "Login"
+// and "Pwd" of its "sysREQUEST" record.
+struct MailboxLogin {
+  std::optional<std::string> pop3Host;
+  std::string port = "110";
+  std::optional<std::string> login;
+  std::optional<std::string> password;
+
+  static MailboxLogin FromRequest(RequestFields& request);
+
+  bool Complete() const { return pop3Host && login && password; }
+  // The registry key and the cache directory of the mailbox.
+  std::string Key() const;
+};
+
+// Connects and logs in: port 995 (the port text read as a number) is POP3
+// over TLS with the certificate checked, every other port plain. 0 or the
+// connection's result code.
+int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox);
+
+}  // namespace corvane
