@@ -25,16 +25,22 @@ void GatewayService::Run() {
 void GatewayService::OnStop() {
   server_.Shutdown();
   WriteLog(kLogInfo, "Program terminal\n");
+  if (checkMail_) checkMail_->Stop();
   DestroyGlobals();
 }
 
-void RunUntilStopSignal(GatewayService& service) {
-  // Block the stop signals in every thread; one thread waits for them.
+sigset_t BlockStopSignals() {
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  return stopSignals;
+}
+
+void RunUntilStopSignal(GatewayService& service) {
+  // Blocked in every thread; one thread waits for them.
+  sigset_t stopSignals = BlockStopSignals();
 
   std::thread controller([&service, stopSignals] {
     int received = 0;

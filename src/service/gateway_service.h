@@ -1,5 +1,8 @@
 #pragma once
 
+#include <signal.h>
+
+#include "handling/check_mail.h"
 #include "handling/command_dispatcher.h"
 #include "transport/sync_socket_server.h"
 
@@ -14,6 +17,10 @@ class GatewayService {
 
   GatewayService();
 
+  // The new-mail check, stopped by OnStop before the teardown it must not
+  // outlive.
+  void SetCheckMail(CheckMailThread* checkMail) { checkMail_ = checkMail; }
+
   // Serves on the configured port until `OnStop`; returns when stopped.
   void Run();
   // Shuts the request server down, logs "Program terminal" and tears down the
@@ -23,7 +30,12 @@ class GatewayService {
  private:
   CommandDispatcher dispatcher_;
   CSyncSocketServer server_;
+  CheckMailThread* checkMail_ = nullptr;
 };
+
+// Blocks SIGTERM and SIGINT in the calling thread and so in every thread it
+// starts afterwards: only the stop control may take them. Gives the set.
+sigset_t BlockStopSignals();
 
 // Runs `service` in the foreground until SIGTERM or SIGINT, which act as the
 // stop control.

@@ -64,7 +64,12 @@ int RunProgram(int argc, char** argv) {
     DestroyGlobals();
     return 0;
   }
+  BlockStopSignals();
+  CheckMailThread checkMail(g_settings.notifyProgram,
+                            std::chrono::milliseconds(g_settings.checkIntervalMs));
+  checkMail.Start();
   GatewayService service;
+  service.SetCheckMail(&checkMail);
   RunUntilStopSignal(service);
   DestroyGlobals();  // nothing left to do when the stop routine ran
   return 0;

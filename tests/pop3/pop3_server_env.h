@@ -9,7 +9,7 @@ namespace corvane::test {
 
 // What tests/servers/pop3-server start wrote into pop3.env about the private
 // dovecot: ports, the CA files, the log, and per mailbox role (SMALL, BULK,
-// BIG, EMPTY, SCRATCH, CORPUS, DROP) its user, password and maildir.
+// BIG, EMPTY, SCRATCH, CORPUS, DROP, NOTIFY) its user, password and maildir.
 class Pop3ServerEnv {
  public:
   struct Account {

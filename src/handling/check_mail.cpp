@@ -1,0 +1,176 @@
+#include "handling/check_mail.h"
+
+#include "handling/notify_program.h"
+#include "handling/process_registry.h"
+#include "mail/header_display.h"
+#include "mail/known_uids.h"
+#include "mail/mail_date.h"
+#include "mail/mailbox_connection.h"
+#include "mime/mail_message.h"
+#include "protocol/buffer_data_source.h"
+#include "protocol/net_error.h"
+#include "protocol/pop3_client.h"
+#include "service/process_log.h"
+#include "transport/console.h"
+
+namespace corvane {
+namespace {
+
+constexpr int kHeaderLineRoom = 1024;  // 1023 bytes and the terminator
+constexpr auto kHoldRecheck = std::chrono::seconds(1);
+constexpr char kNoticeCharset[] = "gb2312";
+
+std::string DisplayHeader(const MailMessage& message, HeaderFieldId field) {
+  std::optional<std::string> value = message.JoinedHeaderValues(field);
+  return value ? DecodeHeaderForDisplay(*value, kNoticeCharset) : std::string();
+}
+
+bool PollingOn(const Account& account) {
+  std::lock_guard guard(account.lock);
+  return account.polling == 1;
+}
+
+}  // namespace
+
+CheckMailThread::CheckMailThread(std::optional<std::string> notifyProgram,
+                                 std::chrono::milliseconds interval)
+    : notifyProgram_(std::move(notifyProgram)), interval_(interval) {}
+
+CheckMailThread::~CheckMailThread() {
+  Stop();
+}
+
+void CheckMailThread::Start() {
+  thread_ = std::thread([this] { Run(); });
+}
+
+void CheckMailThread::Stop() {
+  {
+    std::lock_guard guard(lock_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (thread_.joinable()) thread_.join();
+}
+
+bool CheckMailThread::Stopping() {
+  std::lock_guard guard(lock_);
+  return stopping_;
+}
+
+bool CheckMailThread::Sleep(std::chrono::milliseconds duration) {
+  std::unique_lock guard(lock_);
+  return !wake_.wait_for(guard, duration, [this] { return stopping_; });
+}
+
+void CheckMailThread::Run() {
+  for (;;) {
+    {
+      // A reference of its own keeps the registry alive through the pass
+      // even when teardown clears the process-wide pointer meanwhile.
+      std::shared_ptr<AccountRegistry> registry = g_accountRegistry.load();
+      if (!registry) return;
+      WriteLog(kLogDebug, "[Corvane] Start check mail\n");
+      CheckAllAccounts(*registry);
+    }
+    if (!Sleep(interval_)) return;
+  }
+}
+
+void CheckMailThread::CheckAllAccounts(const AccountRegistry& registry) {
+  for (const std::shared_ptr<Account>& listed : registry.Accounts()) {
+    if (Stopping()) return;
+    std::string key = listed->Key();
+    for (;;) {
+      std::shared_ptr<Account> account = registry.Find(key);
+      if (!account) break;
+      if (PollingOn(*account)) {
+        WriteLog(kLogDebug, "Check mail account: %s\n", key.c_str());
+        {
+          std::lock_guard guard(account->lock);
+          EnsureKnownUidsLoaded(*account);
+        }
+        CheckAccount(*account);
+        break;
+      }
+      if (!Sleep(kHoldRecheck)) return;
+    }
+  }
+}
+
+void CheckMailThread::CheckAccount(Account& account) {
+  MailboxLogin mailbox;
+  std::string mobile;
+  {
+    std::lock_guard guard(account.lock);
+    mailbox.pop3Host = account.pop3Host;
+    mailbox.port = std::to_string(account.port);
+    mailbox.login = account.login;
+    mailbox.password = account.password;
+    mobile = account.mobile;
+  }
+  Pop3Client client;
+  int result = OpenMailbox(client, mailbox);
+  if (result != 0) {
+    WriteLog(kLogError, "%s connect pop3 server error: %s\n", mailbox.login->c_str(),
+             CNetError::GetErrorString(result));
+    return;
+  }
+  bool changed = false;
+  int count = 0;
+  client.GetNumMsgs(&count);
+  if (count >= 1) client.GetUIDL(0);
+  for (int number = 1; number <= count && !Stopping(); ++number) {
+    const char* uidText = client.GetUID(number);
+    if (uidText == nullptr) continue;
+    std::string uid = uidText;
+    {
+      std::lock_guard guard(account.lock);
+      EnsureKnownUidsLoaded(account);
+      if (std::find(account.knownUids.begin(), account.knownUids.end(), uid) !=
+          account.knownUids.end()) {
+        continue;
+      }
+    }
+    result = client.OpenTop(number, 0);
+    if (result != 0) {
+      WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox.login->c_str(),
+               CNetError::GetErrorString(result));
+      continue;
+    }
+    std::string header;
+    char line[kHeaderLineRoom];
+    while (client.ReadTopLine(line, kHeaderLineRoom) > 0) header += line;
+    client.CloseTop();
+    MailMessage message;
+    BufferDataSource source(static_cast<int64_t>(header.size()));
+    source.Open(DataSource::kOpenWrite);
+    source.Write(header.data(), static_cast<int>(header.size()));
+    if (message.Load(source) != 0) continue;
+
+    std::string from = DisplayHeader(message, kFieldFrom);
+    std::string subject = DisplayHeader(message, kFieldSubject);
+    Console("From: %s\r\n", from.c_str());
+    Console("Subject: %s\r\n", subject.c_str());
+    std::string date = FormatLocalMinute(ParseMailDate(message.JoinedHeaderValues(kFieldDate)));
+    Console("Date: %s\r\n", date.c_str());
+    {
+      std::lock_guard guard(account.lock);
+      account.knownUids.push_back(uid);
+    }
+    changed = true;
+    // A notice is recorded before the program runs: a message is announced
+    // at most once even when the program fails.
+    if (!notifyProgram_) continue;
+    std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
+    WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());
+    RunNotifyProgram(*notifyProgram_, mobile, from, date, subject);
+  }
+  client.POP3Close();
+  if (changed) {
+    std::lock_guard guard(account.lock);
+    SaveKnownUids(account.mailListPath, account.knownUids);
+  }
+}
+
+}  // namespace corvane
