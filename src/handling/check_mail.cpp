@@ -7,7 +7,6 @@
 #include "mail/mail_date.h"
 #include "mail/mailbox_connection.h"
 #include "mime/mail_message.h"
-#include "protocol/buffer_data_source.h"
 #include "protocol/net_error.h"
 #include "protocol/pop3_client.h"
 #include "service/process_log.h"
@@ -16,14 +15,8 @@
 namespace corvane {
 namespace {
 
-constexpr int kHeaderLineRoom = 1024;  // 1023 bytes and the terminator
 constexpr auto kHoldRecheck = std::chrono::seconds(1);
 constexpr char kNoticeCharset[] = "gb2312";
-
-std::string DisplayHeader(const MailMessage& message, HeaderFieldId field) {
-  std::optional<std::string> value = message.JoinedHeaderValues(field);
-  return value ? DecodeHeaderForDisplay(*value, kNoticeCharset) : std::string();
-}
 
 bool PollingOn(const Account& account) {
   std::lock_guard guard(account.lock);
@@ -132,27 +125,20 @@ void CheckMailThread::CheckAccount(Account& account) {
         continue;
       }
     }
-    result = client.OpenTop(number, 0);
+    std::optional<MailMessage> message;
+    result = ReadMessageHeader(client, number, message);
     if (result != 0) {
       WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox.login->c_str(),
                CNetError::GetErrorString(result));
       continue;
     }
-    std::string header;
-    char line[kHeaderLineRoom];
-    while (client.ReadTopLine(line, kHeaderLineRoom) > 0) header += line;
-    client.CloseTop();
-    MailMessage message;
-    BufferDataSource source(static_cast<int64_t>(header.size()));
-    source.Open(DataSource::kOpenWrite);
-    source.Write(header.data(), static_cast<int>(header.size()));
-    if (message.Load(source) != 0) continue;
+    if (!message) continue;
 
-    std::string from = DisplayHeader(message, kFieldFrom);
-    std::string subject = DisplayHeader(message, kFieldSubject);
+    std::string from = DisplayHeaderOf(*message, kFieldFrom, kNoticeCharset).value_or("");
+    std::string subject = DisplayHeaderOf(*message, kFieldSubject, kNoticeCharset).value_or("");
     Console("From: %s\r\n", from.c_str());
     Console("Subject: %s\r\n", subject.c_str());
-    std::string date = FormatLocalMinute(ParseMailDate(message.JoinedHeaderValues(kFieldDate)));
+    std::string date = FormatLocalMinute(ParseMailDate(message->JoinedHeaderValues(kFieldDate)));
     Console("Date: %s\r\n", date.c_str());
     {
       std::lock_guard guard(account.lock);

@@ -15,6 +15,13 @@ std::string DecodeHeaderForDisplay(std::string_view header, std::string_view tar
   return converted ? std::move(*converted) : std::move(decoded.text);
 }
 
+std::optional<std::string> DisplayHeaderOf(const MailMessage& message, HeaderFieldId field,
+                                           std::string_view targetCharset) {
+  std::optional<std::string> value = message.JoinedHeaderValues(field);
+  if (!value) return std::nullopt;
+  return DecodeHeaderForDisplay(*value, targetCharset);
+}
+
 std::string FormatLocalMinute(int32_t time) {
   time_t seconds = time;
   struct tm local {};

@@ -10,7 +10,6 @@
 #include "mail/mail_date.h"
 #include "mail/text_shortening.h"
 #include "mime/mail_message.h"
-#include "protocol/buffer_data_source.h"
 #include "protocol/net_error.h"
 #include "service/process_log.h"
 #include "service/program_paths.h"
@@ -20,15 +19,8 @@
 namespace corvane {
 namespace {
 
-constexpr int kHeaderLineRoom = 1024;  // 1023 characters and the terminator
 constexpr int kMissingField = 100;
 constexpr char kMissingFieldText[] = "The parameter of request is not enough";
-
-std::string DisplayHeader(const MailMessage& message, HeaderFieldId field,
-                          const std::string& targetCharset) {
-  std::optional<std::string> value = message.JoinedHeaderValues(field);
-  return value ? DecodeHeaderForDisplay(*value, targetCharset) : std::string();
-}
 
 }  // namespace
 
@@ -93,33 +85,24 @@ void MailLister::GatherItems(int subjectLength) {
       items_.push_back(*cached);
       continue;
     }
-    int result = client_.OpenTop(number, 0);
+    std::optional<MailMessage> message;
+    int result = ReadMessageHeader(client_, number, message);
     if (result != 0) {
       WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox_.login->c_str(),
                CNetError::GetErrorString(result));
-      continue;
+    } else if (message) {
+      BuildItem(number, uid, *message, subjectLength);
     }
-    std::string header;
-    char line[kHeaderLineRoom];
-    while (client_.ReadTopLine(line, kHeaderLineRoom) > 0) header += line;
-    BuildItem(number, uid, header, subjectLength);
-    client_.CloseTop();
   }
   if (!items_.empty()) WriteListCache(listCachePath_, items_);
 }
 
-bool MailLister::BuildItem(int number, const std::string& uid, const std::string& header,
+void MailLister::BuildItem(int number, const std::string& uid, const MailMessage& message,
                            int subjectLength) {
-  MailMessage message;
-  BufferDataSource source(static_cast<int64_t>(header.size()));
-  source.Open(DataSource::kOpenWrite);
-  source.Write(header.data(), static_cast<int>(header.size()));
-  if (message.Load(source) != 0) return false;
-
   WriteLog(kLogDebug, "Get mail %d/%d UID: %s\n", number, count_, uid.c_str());
   serverUids_.push_back(uid);
-  std::string from = DisplayHeader(message, kFieldFrom, targetCharset_);
-  std::string subject = DisplayHeader(message, kFieldSubject, targetCharset_);
+  std::string from = DisplayHeaderOf(message, kFieldFrom, targetCharset_).value_or("");
+  std::string subject = DisplayHeaderOf(message, kFieldSubject, targetCharset_).value_or("");
   if (subjectLength > 0) ShortenText(subject, subjectLength);
   int32_t time = ParseMailDate(message.JoinedHeaderValues(kFieldDate));
   std::optional<std::string> contentType = message.JoinedHeaderValues(kFieldContentType);
@@ -134,7 +117,6 @@ bool MailLister::BuildItem(int number, const std::string& uid, const std::string
   CountedString::AppendTo(item.row, FormatLocalMinute(time));
   CountedString::AppendTo(item.row, mixed ? "1" : "0");
   items_.push_back(std::move(item));
-  return true;
 }
 
 void MailLister::WriteRows(wxEntryLog& answer) {

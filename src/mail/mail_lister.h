@@ -6,6 +6,7 @@
 #include "handling/account_registry.h"
 #include "mail/list_cache.h"
 #include "mail/mailbox_connection.h"
+#include "mime/mail_message.h"
 #include "protocol/pop3_client.h"
 #include "transport/request_fields.h"
 #include "transport/wx_entry_log.h"
@@ -38,9 +39,7 @@ class MailLister {
   void UpdateKnownUids();
 
  private:
-  // Builds the item of a message from its header lines; false when the
-  // header does not parse.
-  bool BuildItem(int number, const std::string& uid, const std::string& header, int subjectLength);
+  void BuildItem(int number, const std::string& uid, const MailMessage& message, int subjectLength);
 
   const AccountRegistry& registry_;
   MailboxLogin mailbox_;

@@ -144,9 +144,7 @@ int MailReceiver::FetchFromServer(const std::string& cachedPath) {
 }
 
 std::optional<std::string> MailReceiver::DisplayHeader(HeaderFieldId field) const {
-  std::optional<std::string> value = message_.JoinedHeaderValues(field);
-  if (!value) return std::nullopt;
-  return DecodeHeaderForDisplay(*value, targetCharset_);
+  return DisplayHeaderOf(message_, field, targetCharset_);
 }
 
 void MailReceiver::Render() {

@@ -1,12 +1,14 @@
 #include "mail/mailbox_connection.h"
 
 #include "handling/account.h"
+#include "protocol/buffer_data_source.h"
 #include "service/decimal_text.h"
 
 namespace corvane {
 namespace {
 
 constexpr int kPop3sPort = 995;
+constexpr int kHeaderLineRoom = 1024;  // 1023 bytes and the terminator
 // Chain and host name checked against the system's trust store.
 constexpr int kVerifyChainAndHost = 2;
 
@@ -34,6 +36,22 @@ int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
   client.SetPort(static_cast<unsigned>(port));
   return client.POP3Connect(mailbox.pop3Host->c_str(), mailbox.login->c_str(),
                             mailbox.password->c_str());
+}
+
+int ReadMessageHeader(Pop3Client& client, int number, std::optional<MailMessage>& message) {
+  message.reset();
+  int result = client.OpenTop(number, 0);
+  if (result != 0) return result;
+  std::string header;
+  char line[kHeaderLineRoom];
+  while (client.ReadTopLine(line, kHeaderLineRoom) > 0) header += line;
+  client.CloseTop();
+  BufferDataSource source(static_cast<int64_t>(header.size()));
+  source.Open(DataSource::kOpenWrite);
+  source.Write(header.data(), static_cast<int>(header.size()));
+  message.emplace();
+  if (message->Load(source) != 0) message.reset();
+  return 0;
 }
 
 }  // namespace corvane

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "mime/mail_message.h"
 #include "protocol/pop3_client.h"
 #include "transport/request_fields.h"
 
@@ -27,5 +28,10 @@ struct MailboxLogin {
 // over TLS with the certificate checked, every other port plain. 0 or the
 // connection's result code.
 int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox);
+
+// Fetches the header of message `number` (TOP with no body lines) into
+// `message`, which stays empty when the header does not parse. 0, or the
+// TOP failure's result code.
+int ReadMessageHeader(Pop3Client& client, int number, std::optional<MailMessage>& message);
 
 }  // namespace corvane

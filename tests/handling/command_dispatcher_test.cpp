@@ -7,6 +7,7 @@
 
 #include "handling/process_registry.h"
 #include "service/process_log.h"
+#include "support/mail_request.h"
 #include "support/temp_dir.h"
 #include "transport/wx_entry_log.h"
 #include "transport/wx_node_ref.h"
@@ -16,19 +17,10 @@
 namespace corvane {
 namespace {
 
-using Fields = std::vector<std::pair<std::string, std::optional<std::string>>>;
+using test::Fields;
 
-// A request as a client builds it: "sysREQUEST" then "sysPARAMETER".
 std::string Request(const Fields& request, const Fields& parameters = {}) {
-  wxEntryLog log;
-  log.SetRecording(true);
-  log.AddEntryText(1, "sysREQUEST", "aRequest");
-  for (const auto& [name, value] : request) log.AddEntryText(2, name, value);
-  log.AddEntryText(5, "0", std::nullopt);
-  log.AddEntryText(1, "sysPARAMETER", "aParam");
-  for (const auto& [name, value] : parameters) log.AddEntryText(2, name, value);
-  log.AddEntryText(5, "0", std::nullopt);
-  return log.Serialize();
+  return test::MailRequest(request, parameters);
 }
 
 // The answer's "sysRESPONSE" fields.

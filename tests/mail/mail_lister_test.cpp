@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "mail/mail_request.h"
+#include "support/mail_request.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"

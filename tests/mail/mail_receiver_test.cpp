@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "mail/mail_request.h"
+#include "support/mail_request.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,7 +10,7 @@
 
 namespace corvane::test {
 
-using Fields = std::vector<std::pair<std::string, std::string>>;
+using Fields = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
 // The container bytes of a request as a client sends them: its "sysREQUEST"
 // fields, then its "sysPARAMETER" fields (multi-valued ones joined by ",").
