@@ -2,7 +2,9 @@
 // dovecot: rendering into GB2312 and UTF-8, the message cache, attachments.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "gateway_mail/gateway_client.h"
 #include "pop3/pop3_server_env.h"
@@ -14,6 +16,17 @@ namespace {
 using test::AskGateway;
 using test::GatewayAnswer;
 using test::GatewayProcess;
+
+// The attachment of the small mailbox's fourth message, as make-maildir wrote it.
+std::string AgendaBytes() {
+  std::string bytes = "%PDF-1.4\n% agenda\n";
+  for (int i = 1; i <= 40; ++i) {
+    bytes += std::to_string(i) + " 0 obj << /Item " + std::to_string(i) + " >> endobj\n";
+  }
+  return bytes + "%%EOF\n";
+}
+
+constexpr char kAgendaId[] = "1700000004.M4P4242.mailhost";
 
 class ReceiveMailTest : public ::testing::Test {
  protected:
@@ -96,14 +109,10 @@ TEST_F(ReceiveMailTest, HtmlOnlyBodyBecomesTextAfterConversion) {
 
 TEST_F(ReceiveMailTest, AttachmentsAreSavedUnderTheirDecodedNames) {
   test::TempDir target;
-  GatewayAnswer answer = Receive("SMALL", "1700000004.M4P4242.mailhost",
-                                 "--param Attachment=" + static_cast<std::string>(target.path()));
+  GatewayAnswer answer =
+      Receive("SMALL", kAgendaId, "--param Attachment=" + static_cast<std::string>(target.path()));
   ASSERT_EQ(answer.status, 0) << answer.output;
-  std::string expected = "%PDF-1.4\n% agenda\n";
-  for (int i = 1; i <= 40; ++i) {
-    expected += std::to_string(i) + " 0 obj << /Item " + std::to_string(i) + " >> endobj\n";
-  }
-  expected += "%%EOF\n";
+  std::string expected = AgendaBytes();
   EXPECT_EQ(answer["Attachment0"], "agenda.pdf," + std::to_string(expected.size()));
   EXPECT_EQ(test::ReadFile(target / "agenda.pdf"), expected);
 
@@ -157,6 +166,37 @@ TEST_F(ReceiveMailTest, FailuresAnswerWithTheirTexts) {
 
   GatewayAnswer noId = AskGateway(gateway_.port(), "--req Command=ReceiveMail " + Mailbox("SMALL"));
   EXPECT_EQ(noId["Log"], "The parameter of request is not enough");
+}
+
+TEST(ReceiveMailFtpTest, AttachmentsAddressedToFtpArriveOnTheConfiguredServer) {
+  test::Pop3ServerEnv pop3(CORVANE_POP3_ENV_FILE);
+  test::Pop3ServerEnv ftp(CORVANE_FTP_ENV_FILE, "CORVANE_FTP_ENV");
+  ASSERT_TRUE(pop3.ok()) << "no POP3 test server: " << pop3.path();
+  ASSERT_FALSE(ftp.Get("FTP_ROOT").empty()) << "no FTP test server: " << ftp.path();
+  std::string uploaded = ftp.Get("FTP_ROOT") + "/" + ftp.Get("UPLOAD_DIR") + "/agenda.pdf";
+  std::filesystem::remove(uploaded);
+
+  GatewayProcess gateway("log_level=debug\n[Ftp]\nHost=" + ftp.Get("FTP_HOST") +
+                         "\nLogin=" + ftp.Get("FTP_USER") + "\nPwd=" + ftp.Get("FTP_PASS") + "\n");
+  ASSERT_TRUE(gateway.Start());
+  test::Pop3ServerEnv::Account small = pop3.Mailbox("SMALL");
+  // The host of the address is never used: uploads go to the configured server.
+  GatewayAnswer answer = AskGateway(
+      gateway.port(), "--req Command=ReceiveMail --req Pop3=127.0.0.1 --req Port=" +
+                          std::to_string(pop3.Port("POP3_PORT")) + " --req Login=" + small.user +
+                          " --req Pwd=" + small.password + " --param ID=" + kAgendaId +
+                          " --param 'Attachment=ftp:\\\\files.example.org\\" +
+                          ftp.Get("UPLOAD_DIR") + "'");
+  ASSERT_EQ(answer.status, 0) << answer.output;
+  EXPECT_EQ(answer["Attachment0"], "agenda.pdf," + std::to_string(AgendaBytes().size()));
+  for (int i = 0; i < 50 && !std::filesystem::exists(uploaded); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(test::ReadFile(uploaded), AgendaBytes());
+  // The local copy in the cache directory is gone.
+  EXPECT_FALSE(
+      std::filesystem::exists(gateway.dir() / ("cache/" + small.user + "@127.0.0.1/agenda.pdf")));
+  EXPECT_NE(gateway.LogText().find("Upload attachment file "), std::string::npos);
 }
 
 }  // namespace

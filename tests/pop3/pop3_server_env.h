@@ -18,9 +18,11 @@ class Pop3ServerEnv {
     std::string maildir;
   };
 
-  // Reads the file named by $CORVANE_POP3_ENV, else `defaultPath`.
-  explicit Pop3ServerEnv(const std::string& defaultPath) {
-    const char* named = std::getenv("CORVANE_POP3_ENV");
+  // Reads the file named by the variable `override` ($CORVANE_POP3_ENV), else
+  // `defaultPath`. The other test servers write env files of the same form.
+  explicit Pop3ServerEnv(const std::string& defaultPath,
+                         const char* override = "CORVANE_POP3_ENV") {
+    const char* named = std::getenv(override);
     path_ = named && *named ? named : defaultPath;
     std::ifstream in(path_);
     std::string line;
