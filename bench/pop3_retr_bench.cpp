@@ -6,67 +6,19 @@
 //
 // Starts the server with tests/servers/pop3-server when it is not running,
 // and stops it again at the end in that case. Optional argument: rounds.
-#include <spawn.h>
-#include <sys/wait.h>
-
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "pop3/pop3_server_env.h"
-#include "protocol/pop3_client.h"
+#include "bench_support.h"
 #include "support/temp_dir.h"
-
-extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using corvane::bench::Clock;
+using corvane::bench::Median;
+using corvane::bench::Pop3Server;
 using corvane::test::Pop3ServerEnv;
-
-const std::string kRoot = CORVANE_SERVERS_DIR "/pop3";
-
-// The test dovecot, started for this run unless it already runs.
-class Pop3Server {
- public:
-  Pop3Server() : env_(kRoot + "/pop3.env") {
-    if (env_.ok() && Reachable()) return;
-    started_ = Run("start") == 0;
-    env_ = Pop3ServerEnv(kRoot + "/pop3.env");
-  }
-  ~Pop3Server() {
-    if (started_) Run("stop");
-  }
-  Pop3Server(const Pop3Server&) = delete;
-  Pop3Server& operator=(const Pop3Server&) = delete;
-
-  bool Reachable() const {
-    corvane::Pop3Client probe;
-    probe.SetPort(env_.Port("POP3_PORT"));
-    Pop3ServerEnv::Account account = env_.Mailbox("EMPTY");
-    bool up = probe.POP3Connect("127.0.0.1", account.user.c_str(), account.password.c_str()) == 0;
-    probe.POP3Close();
-    return up;
-  }
-  const Pop3ServerEnv& env() const { return env_; }
-
- private:
-  static int Run(const char* command) {
-    std::string line = "CORVANE_POP3_ROOT='" + kRoot + "' '" CORVANE_POP3_SERVER "' " + command;
-    return std::system(line.c_str());
-  }
-
-  Pop3ServerEnv env_;
-  bool started_ = false;
-};
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 // One Pop3Client session fetching message 1 into `file`; its milliseconds,
 // or a negative value when it failed.
@@ -84,7 +36,7 @@ double CorvaneRetr(const Pop3ServerEnv& env, bool tls, const std::string& file) 
     std::fprintf(stderr, "Pop3Client failed with code %d: %s", result, client.LastResponse());
     return -1;
   }
-  return std::chrono::duration<double, std::milli>(Clock::now() - started).count();
+  return corvane::bench::MillisecondsSince(started);
 }
 
 // curl fetching message 1 into `file`; its milliseconds, or a negative value
@@ -94,21 +46,10 @@ double CurlRetr(const Pop3ServerEnv& env, bool tls, const std::string& file) {
   std::string url = std::string(tls ? "pop3s" : "pop3") +
                     "://127.0.0.1:" + env.Get(tls ? "POP3S_PORT" : "POP3_PORT") + "/1";
   std::string user = account.user + ":" + account.password;
-  std::string ca = env.Get("CA_FILE");
-  std::vector<const char*> args = {"curl", "-s", "-S", "-o", file.c_str(), "-u", user.c_str()};
-  if (tls) args.insert(args.end(), {"--cacert", ca.c_str()});
-  args.push_back(url.c_str());
-  args.push_back(nullptr);
-  auto started = Clock::now();
-  pid_t pid;
-  if (posix_spawnp(&pid, "curl", nullptr, nullptr, const_cast<char* const*>(args.data()),
-                   environ) != 0) {
-    return -1;
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  double ms = std::chrono::duration<double, std::milli>(Clock::now() - started).count();
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ms : -1;
+  std::vector<std::string> args = {"-s", "-S", "-o", file, "-u", user};
+  if (tls) args.insert(args.end(), {"--cacert", env.Get("CA_FILE")});
+  args.push_back(url);
+  return corvane::bench::TimeCurl(args);
 }
 
 // Times both clients `rounds` times, alternating which goes first, checks
