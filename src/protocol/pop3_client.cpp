@@ -6,6 +6,7 @@
 
 #include "protocol/file_data_source.h"
 #include "protocol/net_codes.h"
+#include "protocol/reply_field.h"
 #include "service/decimal_text.h"
 
 namespace corvane {
@@ -19,21 +20,6 @@ constexpr int kFileWriteError = 30;
 
 // The listing's end: a line that begins with "." and is at most ".\r\n".
 bool EndsListing(const char* line, int length) { return line[0] == '.' && length <= 3; }
-
-// Field `index` (from 0) of `text` split at any of `separators`, runs of
-// separators counting as one.
-std::string Field(const char* text, const char* separators, int index) {
-  std::string_view rest(text);
-  for (int i = 0;; ++i) {
-    size_t start = rest.find_first_not_of(separators);
-    if (start == std::string_view::npos) return {};
-    rest.remove_prefix(start);
-    size_t end = rest.find_first_of(separators);
-    if (i == index) return std::string(rest.substr(0, end));
-    if (end == std::string_view::npos) return {};
-    rest.remove_prefix(end);
-  }
-}
 
 }  // namespace
 
@@ -112,7 +98,7 @@ int Pop3Client::Command(const char* text, int negativeCode) {
 int Pop3Client::GetNumMsgs(int* count) {
   int result = Command("STAT\r\n", kNetStatFailed);
   if (result == 0) {
-    std::string field = Field(response_, " ", 1);
+    std::string field = ReplyField(response_, " ", 1);
     if (field.empty()) {
       result = kNetInvalidResponse;
     } else if (count != nullptr) {
@@ -127,7 +113,7 @@ int Pop3Client::GetMsgSize(int number, long* size) {
   std::snprintf(command, sizeof command, "LIST %d\r\n", number);
   int result = Command(command, kNetListFailed);
   if (result == 0) {
-    std::string field = Field(response_, " ()", 2);
+    std::string field = ReplyField(response_, " ()", 2);
     if (field.empty()) {
       result = kNetInvalidResponse;
     } else if (size != nullptr) {
@@ -258,7 +244,7 @@ int Pop3Client::GetUIDL(int number) {
 
   constexpr const char* kSeparators = " \r\n";
   if (number >= 1) {
-    std::string uid = Field(response_, kSeparators, 2);
+    std::string uid = ReplyField(response_, kSeparators, 2);
     if (uid.empty()) return OnError(kNetInvalidResponse);
     uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
     uids_.push_back({number, std::move(uid)});
@@ -270,8 +256,8 @@ int Pop3Client::GetUIDL(int number) {
     int length = ReceiveLine(line, sizeof line, responseTimeOut_);
     if (length < 1) return OnError(kNetTimeout);
     if (EndsListing(line, length)) return OnError(kNetOk);
-    std::string messageNumber = Field(line, kSeparators, 0);
-    std::string uid = Field(line, kSeparators, 1);
+    std::string messageNumber = ReplyField(line, kSeparators, 0);
+    std::string uid = ReplyField(line, kSeparators, 1);
     if (messageNumber.empty() || uid.empty()) return OnError(kNetInvalidResponse);
     uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
     uids_.push_back({ReadDecimal(messageNumber), std::move(uid)});

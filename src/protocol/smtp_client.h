@@ -1,0 +1,107 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "mime/mail_message.h"
+#include "mime/string_list.h"
+#include "protocol/data_source.h"
+#include "protocol/net_client.h"
+
+namespace corvane {
+
+// Submits mail: EHLO (HELO when the server refuses it), the server's
+// extensions, STARTTLS when security is wanted and offered, AUTH CRAM-MD5 or
+// LOGIN, then one MAIL FROM / RCPT TO / DATA transaction per recipient, so
+// that each address gets its own copy and a Bcc address never shows in a
+// header. Every operation returns a result code (0 success, net_codes.h).
+class SmtpClient : public CNetClient {
+ public:
+  static constexpr int kLineRoom = 261;
+  static constexpr int kAuthLineRoom = 500;
+
+  SmtpClient();
+  // Overwrites the user name and password before they are freed.
+  ~SmtpClient() override;
+
+  // One transaction for `recipient`: envelope, the headers (From, To and Cc
+  // from the lists, Subject, Date, the extra header lines) and the body
+  // from `bodySource`, or from `fullSource` alone when `useFull` is above 0.
+  // `bytesSent` counts the body bytes sent across transactions.
+  virtual int SendRecipient(const char* recipient, const MailMessage& message,
+                            const std::vector<std::string>& toList,
+                            const std::vector<std::string>& ccList, int bytesScale, long& bytesSent,
+                            DataSource& bodySource, DataSource* fullSource, int useFull);
+  // Progress of a transaction's body; false cancels it (98).
+  virtual bool SendStatus(long bytesSoFar, long total);
+  // Connects, greets as `localName`, upgrades and authenticates as set up.
+  virtual int SMTPConnect(const char* host, const char* localName);
+  // QUIT (its reply is not awaited) and close.
+  virtual int SMTPClose();
+  // A message built from its parts, then SendMail. `attachmentPaths` holds
+  // `count` paths, null entries skipped.
+  virtual int SendMailParts(const char* to, const char* from, const char* subject, const char* body,
+                            const char* cc, const char* bcc, const char* const* attachmentPaths,
+                            int count);
+  // Composes `message` and delivers it to each To, Cc and Bcc address in
+  // turn, stopping at the first failure.
+  virtual int SendMail(const MailMessage& message);
+
+  int SetPort(unsigned port);
+  unsigned GetPort() const { return port_; }
+  // Null or empty keeps the value already set.
+  void SetUserName(const char* user);
+  void SetPassword(const char* password);
+  void SetAuthentication(bool on) { useAuthentication_ = on; }
+
+  // Reads one reply (every line of a multi-line one): its code, 0 when a
+  // line is missing or shorter than three bytes.
+  int GetResponseCode(int timeoutSeconds);
+  // Reads the rest of a multi-line EHLO reply whose first line is in the
+  // line buffer, noting STARTTLS and the AUTH methods. 0 or 54.
+  int ParseExtensions();
+  // CRAM-MD5 when offered (wherever it stands), else LOGIN. 1 when neither.
+  int Authenticate();
+  int AuthCramMD5();
+  int AuthLogin();
+
+  // The bare address of a mailbox text into `buffer` of `size` bytes
+  // (NUL included). 1 for a text shorter than three characters, else 0.
+  static int GetAddress(const char* text, char* buffer, int size);
+  // The local time as a Date header value with its zone offset. 1 when
+  // `size` is below 32.
+  static int GetDateString(char* buffer, int size);
+
+  const StringList& ExtraHeaderLines() const { return extraHeaderLines_; }
+  const StringList& AuthMethods() const { return authMethods_; }
+  bool StartTlsOffered() const { return startTlsOffered_; }
+  // The last reply line read, "\r\n" included.
+  const char* LastResponse() const { return line_; }
+
+ private:
+  // Reads one line into the line buffer; its length.
+  int ReadLine(int room, int timeoutSeconds);
+  int SendText(const std::string& text);
+  // EHLO (and HELO or STARTTLS with its re-EHLO) after the greeting.
+  int Greet(const char* host, const char* localName, bool securityWanted);
+  int StartTls(const char* host, const char* localName);
+  // "To: " or "Cc: " and the list folded at 250 characters.
+  void AppendAddressHeader(std::string& out, const char* name,
+                           const std::vector<std::string>& list) const;
+  int SendBody(DataSource& bodySource, DataSource* fullSource, int useFull, long& bytesSent,
+               long total);
+  void Forget(std::string& secret);
+
+  StringList extraHeaderLines_;
+  unsigned port_ = 25;
+  int connectTimeOut_ = 5;
+  int responseTimeOut_ = 10;
+  bool startTlsOffered_ = false;
+  bool useAuthentication_ = false;
+  std::string password_;
+  std::string userName_;
+  StringList authMethods_;
+  char line_[kAuthLineRoom + 1] = {};
+};
+
+}  // namespace corvane

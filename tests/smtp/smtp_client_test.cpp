@@ -1,0 +1,513 @@
+// The SMTP client against scripted servers: greeting and EHLO/HELO, the
+// extension list, STARTTLS, the choice and exchanges of AUTH, and the
+// per-recipient transactions with their headers and body.
+#include "protocol/smtp_client.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "protocol/sasl_encoding.h"
+#include "support/scoped_env.h"
+#include "support/scripted_peer.h"
+#include "support/temp_dir.h"
+#include "support/tls_test_ca.h"
+
+namespace corvane {
+namespace {
+
+using test::Expect;
+using test::ScriptedPeer;
+using test::Send;
+using test::Step;
+
+const char* const kEhloReply =
+    "250-mail.test Hello\r\n250-SIZE 52428800\r\n250-AUTH LOGIN CRAM-MD5 PLAIN\r\n"
+    "250 HELP\r\n";
+
+std::vector<Step> Join(std::vector<std::vector<Step>> parts) {
+  std::vector<Step> all;
+  for (auto& part : parts) {
+    all.insert(all.end(), std::make_move_iterator(part.begin()),
+               std::make_move_iterator(part.end()));
+  }
+  return all;
+}
+
+std::vector<Step> Greeting(const std::string& ehloReply) {
+  return {Send("220 mail.test ESMTP\r\n"), Expect("EHLO localhost\r\n"), Send(ehloReply)};
+}
+
+int Connect(SmtpClient& client, ScriptedPeer& peer) {
+  client.SetPort(peer.port());
+  return client.SMTPConnect("127.0.0.1", "localhost");
+}
+
+// A step that takes the DATA section up to its final "." line into `data`.
+Step TakeData(std::string& data) {
+  return test::Do([&data](test::PeerSession& session, std::string& error) {
+    std::string line;
+    while (session.ReadLine(line, test::kPeerWaitMs)) {
+      data += line;
+      if (line == ".\r\n") return true;
+    }
+    error = "the message ended without its \".\" line: " + test::Printable(data);
+    return false;
+  });
+}
+
+// One accepted transaction for `recipient` from `sender`, its data into `data`.
+std::vector<Step> Transaction(const std::string& sender, const std::string& recipient,
+                              std::string& data) {
+  return {Expect("MAIL FROM:<" + sender + ">\r\n"),
+          Send("250 OK\r\n"),
+          Expect("RCPT TO:<" + recipient + ">\r\n"),
+          Send("250 Accepted\r\n"),
+          Expect("DATA\r\n"),
+          Send("354 Enter message\r\n"),
+          TakeData(data),
+          Send("250 OK id=1\r\n")};
+}
+
+MailMessage Message(const std::string& to, const std::string& body) {
+  MailMessage message;
+  message.AppendHeader(to.c_str(), kFieldTo);
+  message.AppendHeader("Sender Name<sender@example.org>", kFieldFrom);
+  message.AppendHeader("Hello there", kFieldSubject);
+  message.SetCharset("utf-8");
+  message.SetTextBody(body);
+  return message;
+}
+
+std::string HeaderOf(const std::string& data, const std::string& name) {
+  size_t at = data.find("\r\n" + name + ": ");
+  if (data.compare(0, name.size() + 2, name + ": ") == 0)
+    at = 0;
+  else if (at != std::string::npos)
+    at += 2;
+  if (at == std::string::npos) return {};
+  size_t end = data.find("\r\n", at);
+  while (end != std::string::npos && (data[end + 2] == '\t' || data[end + 2] == ' ')) {
+    end = data.find("\r\n", end + 2);
+  }
+  return data.substr(at + name.size() + 2, end - at - name.size() - 2);
+}
+
+TEST(SmtpGreeting, OneLineRefusalOfEhloFallsBackToHelo) {
+  ScriptedPeer peer({Send("220 old.test\r\n"), Expect("EHLO localhost\r\n"),
+                     Send("502 Command not implemented\r\n"), Expect("HELO localhost\r\n"),
+                     Send("250 old.test\r\n")});
+  SmtpClient client;
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(client.AuthMethods().Count(), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST(SmtpGreeting, RefusedEhloWithSecurityWantedIsNoStartTls) {
+  ScriptedPeer peer({Send("220 old.test\r\n"), Expect("EHLO localhost\r\n"),
+                     Send("502 Command not implemented\r\n"), Expect("QUIT\r\n")});
+  SmtpClient client;
+  client.SetSecurityEnabled(true);
+  EXPECT_EQ(Connect(client, peer), 145);
+  client.SMTPClose();
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_EQ(peer.Received().find("HELO"), std::string::npos);
+}
+
+TEST(SmtpGreeting, BadGreetingOrHeloAndNoServer) {
+  {
+    ScriptedPeer peer({Send("554 go away\r\n")});
+    SmtpClient client;
+    EXPECT_EQ(Connect(client, peer), 5);
+  }
+  {
+    ScriptedPeer peer({Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send("500 no\r\n"),
+                       Expect("HELO localhost\r\n"), Send("501 not you either\r\n")});
+    SmtpClient client;
+    EXPECT_EQ(Connect(client, peer), 54);
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
+  {
+    ScriptedPeer peer(
+        {Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send("550-no\r\n550 really\r\n")});
+    SmtpClient client;
+    EXPECT_EQ(Connect(client, peer), 54);
+  }
+  // A port nobody listens on: bound once, then let go.
+  uint16_t closedPort = 0;
+  {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+    closedPort = ntohs(address.sin_port);
+    ::close(fd);
+  }
+  SmtpClient client;
+  client.SetPort(closedPort);
+  EXPECT_NE(client.SMTPConnect("127.0.0.1", "localhost"), 0);
+}
+
+TEST(SmtpExtensions, StartTlsAndEveryAuthMethodAreNoted) {
+  ScriptedPeer peer(
+      Greeting("250-mail.test\r\n250-STARTTLS\r\n250-AUTH LOGIN CRAM-MD5\r\n"
+               "250-AUTH PLAIN\r\n250 8BITMIME\r\n"));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(client.StartTlsOffered());
+  ASSERT_EQ(client.AuthMethods().Count(), 3);
+  EXPECT_EQ(*client.AuthMethods().Get(0), "LOGIN");
+  EXPECT_EQ(*client.AuthMethods().Get(1), "CRAM-MD5");
+  EXPECT_EQ(*client.AuthMethods().Get(2), "PLAIN");
+}
+
+TEST(SmtpExtensions, LinesArrivingLateAreNotPartOfTheReply) {
+  // The reply ends where the socket runs dry: the AUTH line that comes
+  // after a pause is never read as an extension.
+  ScriptedPeer peer({Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send("250-mail.test\r\n"),
+                     test::Pause(300), Send("250 AUTH LOGIN\r\n")});
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(client.AuthMethods().Count(), 0);
+}
+
+TEST(SmtpAuth, CramMd5WinsWhereverItStands) {
+  // The exchange of the CRAM-MD5 definition: its challenge, user and key
+  // give exactly its answer.
+  ScriptedPeer peer(Join({Greeting(kEhloReply),
+                          {Expect("AUTH CRAM-MD5\r\n"),
+                           Send("334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n"),
+                           Expect("dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw\r\n"),
+                           Send("235 Authentication succeeded\r\n")}}));
+  SmtpClient client;
+  client.SetAuthentication(true);
+  client.SetUserName("tim");
+  client.SetPassword("tanstaaftanstaaf");
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST(SmtpAuth, CramMd5Refusals) {
+  struct Case {
+    const char* reply;
+    int code;
+  } cases[] = {{"504 Unrecognized authentication type\r\n", 11}, {"535 no\r\n", 86}, {"34", 37}};
+  for (const Case& c : cases) {
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 AUTH CRAM-MD5\r\n"),
+                            {Expect("AUTH CRAM-MD5\r\n"), Send(c.reply), test::Close()}}));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("tim");
+    client.SetPassword("secret");
+    EXPECT_EQ(Connect(client, peer), c.code) << c.reply;
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
+  // A wrong answer to a good challenge.
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 AUTH CRAM-MD5\r\n"),
+                          {Expect("AUTH CRAM-MD5\r\n"), Send("334 PDEyMzQ+\r\n"),
+                           Send("535 Incorrect authentication data\r\n")}}));
+  SmtpClient client;
+  client.SetAuthentication(true);
+  client.SetUserName("tim");
+  client.SetPassword("secret");
+  EXPECT_EQ(Connect(client, peer), 86);
+}
+
+TEST(SmtpAuth, LoginReportsTheRefusedPart) {
+  struct Case {
+    std::vector<Step> exchange;
+    int code;
+  };
+  std::vector<Case> cases;
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("504 not here\r\n")}, 11});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("500 what\r\n")}, 86});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+                    Send("535 who\r\n")},
+                   40});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+                    Send("334 UGFzc3dvcmQ6\r\n"), Expect("Zmlyc3Q=\r\n"),
+                    Send("535 Incorrect authentication data\r\n")},
+                   41});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+                    Send("334 UGFzc3dvcmQ6\r\n"), Expect("Zmlyc3Q=\r\n"), Send("235 ok\r\n")},
+                   0});
+  for (Case& c : cases) {
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 AUTH PLAIN LOGIN\r\n"), c.exchange}));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    client.SetPassword("first");
+    client.SetPassword("");  // keeps "first"
+    client.SetPassword(nullptr);
+    EXPECT_EQ(Connect(client, peer), c.code);
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
+}
+
+TEST(SmtpAuth, MissingCredentialsAndUnknownMethods) {
+  {
+    ScriptedPeer peer(Greeting("250-x\r\n250 AUTH LOGIN\r\n"));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetPassword("secret");
+    EXPECT_EQ(Connect(client, peer), 40);
+  }
+  {
+    ScriptedPeer peer(Greeting("250-x\r\n250 AUTH CRAM-MD5\r\n"));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    EXPECT_EQ(Connect(client, peer), 41);
+  }
+  {
+    ScriptedPeer peer(Greeting("250-x\r\n250 AUTH PLAIN XOAUTH2\r\n"));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    client.SetPassword("secret");
+    EXPECT_EQ(Connect(client, peer), 1);
+  }
+  // Without authentication switched on, offered methods are left alone.
+  ScriptedPeer peer(Greeting(kEhloReply));
+  SmtpClient client;
+  client.SetUserName("user");
+  client.SetPassword("secret");
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_EQ(peer.Received().find("AUTH"), std::string::npos);
+}
+
+class SmtpStartTls : public ::testing::Test {
+ protected:
+  test::TempDir dir_;
+  test::TestCa ca_{dir_.path()};
+  test::TestCert server_ = ca_.IssueLocalhost();
+};
+
+TEST_F(SmtpStartTls, UpgradesThenGreetsAgainForTheMethodsOfTheSecureSession) {
+  ScriptedPeer peer(
+      Join({Greeting("250-mail.test\r\n250 STARTTLS\r\n"),
+            {Expect("STARTTLS\r\n"), Send("220 go ahead\r\n"),
+             test::TlsAccept(test::ServerContext(server_)), Expect("EHLO localhost\r\n"),
+             Send("250-mail.test\r\n250 AUTH LOGIN\r\n"), Expect("AUTH LOGIN\r\n"),
+             Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"), Send("334 UGFzc3dvcmQ6\r\n"),
+             Expect("c2VjcmV0\r\n"), Send("235 ok\r\n"), Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  client.SetSecurityEnabled(true);
+  client.SetTrustedCaFile(ca_.CaFile().c_str());
+  client.SetAuthentication(true);
+  client.SetUserName("user");
+  client.SetPassword("secret");
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(client.IsSessionSecure());
+  client.SMTPClose();
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST_F(SmtpStartTls, WithoutTheOfferTheSessionStaysPlainAndTheWishIsKept) {
+  ScriptedPeer peer(Join({Greeting("250-mail.test\r\n250 SIZE 1000\r\n"), {Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  client.SetSecurityEnabled(true);
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_FALSE(client.IsSessionSecure());
+  EXPECT_TRUE(client.GetSecurityEnabled());
+  client.SMTPClose();
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST_F(SmtpStartTls, RefusedStartTlsAndUntrustedServer) {
+  {
+    ScriptedPeer peer(Join({Greeting("250-mail.test\r\n250 STARTTLS\r\n"),
+                            {Expect("STARTTLS\r\n"), Send("454 TLS not available\r\n")}}));
+    SmtpClient client;
+    client.SetSecurityEnabled(true);
+    EXPECT_EQ(Connect(client, peer), 54);
+  }
+  test::TestCa stranger(dir_.path(), "Stranger CA");
+  ScriptedPeer peer(Join({Greeting("250-mail.test\r\n250 STARTTLS\r\n"),
+                          {Expect("STARTTLS\r\n"), Send("220 go ahead\r\n"),
+                           test::TlsAccept(test::ServerContext(stranger.IssueLocalhost()),
+                                           test::Handshake::kMustFail)}}));
+  SmtpClient client;
+  client.SetSecurityEnabled(true);
+  client.SetTrustedCaFile(ca_.CaFile().c_str());
+  int code = Connect(client, peer);
+  EXPECT_GE(code, 120);
+  EXPECT_LE(code, 143);
+}
+
+TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
+  std::string first, second, hidden;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          Transaction("sender@example.org", "a@example.com", first),
+                          Transaction("sender@example.org", "b@example.com", second),
+                          Transaction("sender@example.org", "hidden@example.net", hidden),
+                          {Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  MailMessage message = Message("Ann <a@example.com>,b@example.com", "line one\r\n");
+  message.AppendHeader("hidden@example.net", kFieldBcc);
+  message.AppendHeader("3", kFieldCustom, "X-Priority:");
+  EXPECT_EQ(client.SendMail(message), 0);
+  client.SMTPClose();
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(first, hidden);
+  EXPECT_EQ(first.find("hidden@"), std::string::npos);
+  EXPECT_EQ(first.find("Bcc"), std::string::npos);
+  EXPECT_EQ(first.rfind("From: Sender Name<sender@example.org>\r\nTo: Ann "
+                        "<a@example.com>,b@example.com\r\nSubject: Hello there\r\nDate: ",
+                        0),
+            0u)
+      << test::Printable(first, 400);
+  EXPECT_EQ(HeaderOf(first, "X-Priority"), "3");
+  EXPECT_NE(HeaderOf(first, "Content-Type").find("text/plain"), std::string::npos);
+  EXPECT_TRUE(first.ends_with("\r\n\r\nline one\r\n\r\n.\r\n")) << test::Printable(first, 800);
+  std::regex date(
+      R"((Sun|Mon|Tue|Wed|Thu|Fri|Sat), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d [+-]\d{4})");
+  EXPECT_TRUE(std::regex_match(HeaderOf(first, "Date"), date)) << HeaderOf(first, "Date");
+  // One Date only: the composer's own is not passed on.
+  EXPECT_EQ(first.find("\r\nDate: ", first.find("\r\nDate: ") + 1), std::string::npos);
+}
+
+TEST(SmtpSend, DotStuffingAndTheTerminator) {
+  std::string data;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          Transaction("sender@example.org", "a@example.com", data)}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(
+      client.SendMail(Message("a@example.com", ".starts with a dot\r\n..two\r\n.\r\nend\r\n")), 0);
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_NE(data.find("\r\n\r\n..starts with a dot\r\n...two\r\n..\r\nend\r\n\r\n.\r\n"),
+            std::string::npos)
+      << test::Printable(data, 800);
+}
+
+TEST(SmtpSend, ARefusedRecipientStopsTheOnesAfterIt) {
+  std::string first;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          Transaction("sender@example.org", "a@example.com", first),
+                          {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("250 OK\r\n"),
+                           Expect("RCPT TO:<nobody@example.com>\r\n"), Send("550 No such user\r\n"),
+                           Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  MailMessage message = Message("a@example.com,nobody@example.com", "hi\r\n");
+  message.AppendHeader("c@example.com", kFieldCc);
+  EXPECT_EQ(client.SendMail(message), 67);
+  client.SMTPClose();
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_EQ(peer.Received().find("c@example.com>"), std::string::npos);
+}
+
+TEST(SmtpSend, RefusedSenderAndRefusedData) {
+  {
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                            {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("550 no\r\n")}}));
+    SmtpClient client;
+    ASSERT_EQ(Connect(client, peer), 0);
+    EXPECT_EQ(client.SendMail(Message("a@example.com", "hi\r\n")), 12);
+  }
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("250 OK\r\n"),
+                           Expect("RCPT TO:<a@example.com>\r\n"), Send("250 OK\r\n"),
+                           Expect("DATA\r\n"), Send("250 not what you expected\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(client.SendMail(Message("a@example.com", "hi\r\n")), 52);
+  // Not connected at all.
+  SmtpClient idle;
+  EXPECT_EQ(idle.SendMail(Message("a@example.com", "hi\r\n")), 6);
+}
+
+TEST(SmtpSend, LongRecipientListsFoldAt250Characters) {
+  std::vector<std::string> addresses;
+  std::string to;
+  for (int i = 0; i < 30; ++i) {
+    addresses.push_back("recipient" + std::to_string(100 + i) + "@example.com");
+    to += (i ? "," : "") + addresses.back();
+  }
+  std::vector<Step> script = Greeting("250-x\r\n250 HELP\r\n");
+  std::string data;
+  // The first copy is read whole; then the client is cut off.
+  for (Step& step : Transaction("sender@example.org", addresses[0], data)) {
+    script.push_back(std::move(step));
+  }
+  script.push_back(test::Close());
+  ScriptedPeer peer(std::move(script));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  client.SendMail(Message(to, "hi\r\n"));
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+
+  std::string header = HeaderOf(data, "To");
+  std::string unfolded;
+  size_t start = 0;
+  for (size_t end; (end = header.find("\r\n\t", start)) != std::string::npos; start = end + 3) {
+    std::string line = header.substr(start, end - start);
+    EXPECT_TRUE(line.ends_with(",")) << line;
+    EXPECT_LE(line.size(), 250u) << line;
+    unfolded += line;
+  }
+  unfolded += header.substr(start);
+  EXPECT_GT(start, 0u) << "no fold in " << header;
+  EXPECT_EQ(unfolded, to);
+}
+
+TEST(SmtpAddress, TheAddressOfAMailboxText) {
+  char buffer[64];
+  EXPECT_EQ(SmtpClient::GetAddress("\"Doe, <John>\" <john@example.com>", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "john@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress("Ann<ann@example.com", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "ann@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress("bob@example.com (Bob)", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "bob@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress(" bob@example.com", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "bob@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress("<a@b.example>", buffer, 6), 0);
+  EXPECT_STREQ(buffer, "a@b.e");
+  EXPECT_EQ(SmtpClient::GetAddress("ab", buffer, sizeof buffer), 1);
+}
+
+TEST(SmtpDate, TheZoneOffsetFollowsTheBiasAndDaylightSaving) {
+  struct Case {
+    const char* zone;
+    const char* offset;
+  } cases[] = {{"CST-8", "+0800"},
+               {"UTC0", "+0000"},
+               {"IST-5:30", "+0530"},
+               {"NST3:30", "-0330"},
+               // Daylight saving all year round.
+               {"XST5XDT,J1/0,J365/25", "-0400"}};
+  for (const Case& c : cases) {
+    test::ScopedEnv zone("TZ", c.zone);
+    char buffer[40];
+    ASSERT_EQ(SmtpClient::GetDateString(buffer, sizeof buffer), 0);
+    std::string text(buffer);
+    EXPECT_EQ(text.size(), 31u) << text;
+    EXPECT_TRUE(text.ends_with(c.offset)) << c.zone << ": " << text;
+  }
+  char small[31];
+  EXPECT_EQ(SmtpClient::GetDateString(small, sizeof small), 1);
+}
+
+TEST(SaslEncoding, Base64BothWays) {
+  EXPECT_EQ(Base64Encode(""), "");
+  EXPECT_EQ(Base64Encode("f"), "Zg==");
+  EXPECT_EQ(Base64Encode("fo"), "Zm8=");
+  EXPECT_EQ(Base64Encode("foo"), "Zm9v");
+  EXPECT_EQ(Base64Decode("Zg==").value_or("?"), "f");
+  EXPECT_EQ(Base64Decode(" Zm8=\r\n").value_or("?"), "fo");
+  EXPECT_EQ(Base64Decode("Zm9v").value_or("?"), "foo");
+  EXPECT_FALSE(Base64Decode("Zm9").has_value());
+  EXPECT_FALSE(Base64Decode("Z!9v").has_value());
+  EXPECT_FALSE(CramMd5Answer("u", "p", "***").has_value());
+}
+
+}  // namespace
+}  // namespace corvane
