@@ -1,9 +1,14 @@
 #include "handling/command_dispatcher.h"
 
+#include <cstdio>
+
 #include "handling/config_mail.h"
 #include "handling/process_registry.h"
+#include "mail/mail_forwarder.h"
 #include "mail/mail_lister.h"
 #include "mail/mail_receiver.h"
+#include "mail/mail_replier.h"
+#include "mail/mail_sender.h"
 #include "service/process_log.h"
 #include "service/service_settings.h"
 #include "transport/request_fields.h"
@@ -22,6 +27,11 @@ std::shared_ptr<AccountRegistry> RegistryOrFailure(wxEntryLog& answer, std::stri
   return registry;
 }
 
+void RunSendMail(RequestFields& request, wxEntryLog& answer) {
+  MailSender sender(request);
+  sender.Send(answer);
+}
+
 void RunListMail(RequestFields& request, wxEntryLog& answer) {
   std::shared_ptr<AccountRegistry> registry =
       RegistryOrFailure(answer, "Connect pop3 server error");
@@ -33,17 +43,48 @@ void RunListMail(RequestFields& request, wxEntryLog& answer) {
   lister.UpdateKnownUids();
 }
 
+// The retrieval steps receive, reply and forward start with: the message
+// fetched and rendered. False when the fetch failed (and was answered).
+bool Retrieve(MailReceiver& receiver, wxEntryLog& answer) {
+  if (receiver.Fetch(answer, g_settings.pop3Timeout) != 0) return false;
+  receiver.Render();
+  receiver.ConvertHtmlBody();
+  return true;
+}
+
 void RunReceiveMail(RequestFields& request, wxEntryLog& answer) {
   std::shared_ptr<AccountRegistry> registry = RegistryOrFailure(answer, "Load pop3 message error");
   if (!registry) return;
   MailReceiver receiver(request, *registry);
-  if (receiver.Fetch(answer, g_settings.pop3Timeout) != 0) return;
-  receiver.Render();
-  receiver.ConvertHtmlBody();
+  if (!Retrieve(receiver, answer)) return;
   receiver.SaveAttachments();
   receiver.ApplyDefaultBody(g_settings.defaultBody);
   receiver.WriteAnswer(answer);
   receiver.RecordKnownUid();
+}
+
+void RunReplyMail(RequestFields& request, wxEntryLog& answer) {
+  std::shared_ptr<AccountRegistry> registry = RegistryOrFailure(answer, "Load pop3 message error");
+  if (!registry) return;
+  MailReceiver receiver(request, *registry);
+  if (!Retrieve(receiver, answer)) return;
+  MailReplier replier(request);
+  replier.Merge(receiver.Rendered());
+  replier.Send(answer);
+}
+
+void RunForwardMail(RequestFields& request, wxEntryLog& answer) {
+  std::shared_ptr<AccountRegistry> registry = RegistryOrFailure(answer, "Load pop3 message error");
+  if (!registry) return;
+  MailReceiver receiver(request, *registry);
+  if (!Retrieve(receiver, answer)) return;
+  receiver.SetAttachmentDestination(receiver.CacheDirectory());
+  receiver.SaveAttachments();
+  MailForwarder forwarder(request);
+  forwarder.Merge(receiver.Rendered(), receiver.AttachmentDirectory());
+  forwarder.Send(answer);
+  // The copies made only to be attached again.
+  for (const std::string& path : forwarder.AttachedFiles()) std::remove(path.c_str());
 }
 
 void RunConfigMail(RequestFields& request, wxEntryLog& answer) {
@@ -57,9 +98,8 @@ constexpr struct {
   const char* name;
   Operation run;
 } kCommands[] = {
-    {"ListMail", RunListMail},
-    {"ReceiveMail", RunReceiveMail},
-    {"ConfigMail", RunConfigMail},
+    {"SendMail", RunSendMail},   {"ListMail", RunListMail},       {"ReceiveMail", RunReceiveMail},
+    {"ReplyMail", RunReplyMail}, {"ForwardMail", RunForwardMail}, {"ConfigMail", RunConfigMail},
 };
 
 }  // namespace

@@ -59,6 +59,12 @@ class MailReceiver {
   const MailMessage& Message() const { return message_; }
   const RenderedMail& Rendered() const { return rendered_; }
   RenderedMail& Rendered() { return rendered_; }
+  // The mailbox's cache directory ("/" at the end), known once Fetch has
+  // logged in.
+  const std::string& CacheDirectory() const { return cacheDirectory_; }
+  // Replaces the request's "Attachment" destination (a directory, or an FTP
+  // address).
+  void SetAttachmentDestination(std::string destination) { destination_ = std::move(destination); }
   // Where the attachments were saved ("/" at the end), empty before saving.
   const std::string& AttachmentDirectory() const { return attachmentDirectory_; }
 

@@ -1,0 +1,114 @@
+#include "mail/mail_sender.h"
+
+#include "mail/text_helpers.h"
+#include "mime/encoded_words.h"
+#include "protocol/net_error.h"
+#include "service/decimal_text.h"
+#include "service/process_log.h"
+#include "transport/response_entries.h"
+
+namespace corvane {
+namespace {
+
+constexpr char kMissingFieldText[] = "The parameter of request is not enough";
+
+// The clients' escape for a line break.
+std::optional<std::string> WithLineBreaks(std::optional<std::string> text) {
+  if (!text) return text;
+  constexpr std::string_view kEscape = "--#13--";
+  for (size_t at = 0; (at = text->find(kEscape, at)) != std::string::npos; at += 2) {
+    text->replace(at, kEscape.size(), "\r\n");
+  }
+  return text;
+}
+
+// 8-bit text as RFC 2047 words in `charset`; ASCII as it is.
+std::string HeaderText(const std::string& text, const std::string& charset) {
+  if (!HasEightBitBytes(text)) return text;
+  std::string encoded;
+  return EncodeWords(text, charset, 'B', encoded) == kEncodeOk ? encoded : text;
+}
+
+}  // namespace
+
+MailSender::MailSender(RequestFields& request) {
+  mail_.smtpHost = request.Request("Smtp");
+  mail_.smtpPort = request.Request("SmtpPort").value_or(request.Request("Port").value_or("25"));
+  mail_.login = request.Request("Login");
+  mail_.password = request.Request("Pwd");
+  mail_.authenticate = request.Request("Auth") == "true";
+  mail_.from = request.Parameter("From");
+  if (!mail_.from) mail_.from = mail_.login;
+  mail_.name = request.Parameter("Name");
+  mail_.to = request.Parameter("To");
+  mail_.cc = request.Parameter("Cc");
+  mail_.subject = WithLineBreaks(request.Parameter("Subject"));
+  mail_.body = WithLineBreaks(request.Parameter("Body"));
+  mail_.charset = request.Parameter("Encode").value_or("gb2312");
+  mail_.priority = request.Parameter("Priority");
+  mail_.receipt = request.Parameter("Receipt") == "true";
+  for (int i = 1; std::optional<std::string> path = request.ParameterAt("Attachments", i); ++i) {
+    mail_.attachments.push_back(std::move(*path));
+  }
+}
+
+int MailSender::Compose(MailMessage& message) const {
+  const std::string from = mail_.from.value_or("");
+  message.SetCharset(mail_.charset);
+  message.SetTextBody(mail_.body.value_or(""));
+  message.AppendHeader(("text/plain; charset=\"" + mail_.charset + "\"").c_str(),
+                       kFieldContentType);
+  message.AppendHeader(mail_.to->c_str(), kFieldTo);
+  if (mail_.cc) message.AppendHeader(mail_.cc->c_str(), kFieldCc);
+  std::string sender = from;
+  if (mail_.name) sender = HeaderText(*mail_.name, mail_.charset) + "<" + from + ">";
+  message.AppendHeader(sender.c_str(), kFieldFrom);
+  message.AppendHeader(HeaderText(mail_.subject.value_or(""), mail_.charset).c_str(),
+                       kFieldSubject);
+  if (mail_.priority) message.AppendHeader(mail_.priority->c_str(), kFieldCustom, "X-Priority:");
+  if (mail_.receipt) {
+    message.AppendHeader(from.c_str(), kFieldCustom, "Disposition-Notification-To:");
+  }
+  for (const std::string& path : mail_.attachments) {
+    int result = message.AddAttachmentFile(path);
+    if (result != 0) return result;
+  }
+  return 0;
+}
+
+void MailSender::Send(wxEntryLog& answer) {
+  if (!mail_.smtpHost || !mail_.to) {
+    WriteFailure(answer, kMissingFieldText);
+    WriteLog(kLogError, "%s\n", kMissingFieldText);
+    return;
+  }
+  if (mail_.authenticate) {
+    client_.SetUserName(mail_.login ? mail_.login->c_str() : nullptr);
+    client_.SetPassword(mail_.password ? mail_.password->c_str() : nullptr);
+    client_.SetAuthentication(true);
+  }
+  client_.SetPort(static_cast<unsigned>(ReadDecimal(mail_.smtpPort)));
+  int result = client_.SMTPConnect(mail_.smtpHost->c_str(), "localhost");
+  if (result != 0) {
+    WriteFailure(answer, "Connect to smtp server error");
+    WriteLog(kLogError, "Connect %s smtp server error: %s\n", mail_.smtpHost->c_str(),
+             CNetError::GetErrorString(result));
+    client_.CloseConnection();
+    return;
+  }
+  MailMessage message;
+  result = Compose(message);
+  WriteLog(kLogDebug, "Send mail to: %s\n", mail_.to->c_str());
+  WriteLog(kLogDebug, "Subject: %s\n", mail_.subject.value_or("").c_str());
+  if (result == 0) result = client_.SendMail(message);
+  if (result == 0) {
+    WriteSuccess(answer);
+    WriteLog(kLogDebug, "Send mail success\n");
+  } else {
+    WriteFailure(answer, "Send mail error");
+    WriteLog(kLogError, "Send mail ocurr error: %s\n", CNetError::GetErrorString(result));
+  }
+  client_.SMTPClose();
+}
+
+}  // namespace corvane
