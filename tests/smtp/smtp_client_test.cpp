@@ -10,6 +10,7 @@
 #include "protocol/sasl_encoding.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
+#include "support/smtp_script.h"
 #include "support/temp_dir.h"
 #include "support/tls_test_ca.h"
 
@@ -17,56 +18,24 @@ namespace corvane {
 namespace {
 
 using test::Expect;
+using test::HeaderOf;
+using test::Join;
 using test::ScriptedPeer;
 using test::Send;
 using test::Step;
+using test::TakeData;
 
 const char* const kEhloReply =
     "250-mail.test Hello\r\n250-SIZE 52428800\r\n250-AUTH LOGIN CRAM-MD5 PLAIN\r\n"
     "250 HELP\r\n";
 
-std::vector<Step> Join(std::vector<std::vector<Step>> parts) {
-  std::vector<Step> all;
-  for (auto& part : parts) {
-    all.insert(all.end(), std::make_move_iterator(part.begin()),
-               std::make_move_iterator(part.end()));
-  }
-  return all;
-}
-
 std::vector<Step> Greeting(const std::string& ehloReply) {
-  return {Send("220 mail.test ESMTP\r\n"), Expect("EHLO localhost\r\n"), Send(ehloReply)};
+  return test::SmtpGreeting(ehloReply);
 }
 
 int Connect(SmtpClient& client, ScriptedPeer& peer) {
   client.SetPort(peer.port());
   return client.SMTPConnect("127.0.0.1", "localhost");
-}
-
-// A step that takes the DATA section up to its final "." line into `data`.
-Step TakeData(std::string& data) {
-  return test::Do([&data](test::PeerSession& session, std::string& error) {
-    std::string line;
-    while (session.ReadLine(line, test::kPeerWaitMs)) {
-      data += line;
-      if (line == ".\r\n") return true;
-    }
-    error = "the message ended without its \".\" line: " + test::Printable(data);
-    return false;
-  });
-}
-
-// One accepted transaction for `recipient` from `sender`, its data into `data`.
-std::vector<Step> Transaction(const std::string& sender, const std::string& recipient,
-                              std::string& data) {
-  return {Expect("MAIL FROM:<" + sender + ">\r\n"),
-          Send("250 OK\r\n"),
-          Expect("RCPT TO:<" + recipient + ">\r\n"),
-          Send("250 Accepted\r\n"),
-          Expect("DATA\r\n"),
-          Send("354 Enter message\r\n"),
-          TakeData(data),
-          Send("250 OK id=1\r\n")};
 }
 
 MailMessage Message(const std::string& to, const std::string& body) {
@@ -77,20 +46,6 @@ MailMessage Message(const std::string& to, const std::string& body) {
   message.SetCharset("utf-8");
   message.SetTextBody(body);
   return message;
-}
-
-std::string HeaderOf(const std::string& data, const std::string& name) {
-  size_t at = data.find("\r\n" + name + ": ");
-  if (data.compare(0, name.size() + 2, name + ": ") == 0)
-    at = 0;
-  else if (at != std::string::npos)
-    at += 2;
-  if (at == std::string::npos) return {};
-  size_t end = data.find("\r\n", at);
-  while (end != std::string::npos && (data[end + 2] == '\t' || data[end + 2] == ' ')) {
-    end = data.find("\r\n", end + 2);
-  }
-  return data.substr(at + name.size() + 2, end - at - name.size() - 2);
 }
 
 TEST(SmtpGreeting, OneLineRefusalOfEhloFallsBackToHelo) {
@@ -342,9 +297,9 @@ TEST_F(SmtpStartTls, RefusedStartTlsAndUntrustedServer) {
 TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
   std::string first, second, hidden;
   ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
-                          Transaction("sender@example.org", "a@example.com", first),
-                          Transaction("sender@example.org", "b@example.com", second),
-                          Transaction("sender@example.org", "hidden@example.net", hidden),
+                          test::SmtpTransaction("sender@example.org", "a@example.com", first),
+                          test::SmtpTransaction("sender@example.org", "b@example.com", second),
+                          test::SmtpTransaction("sender@example.org", "hidden@example.net", hidden),
                           {Expect("QUIT\r\n")}}));
   SmtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
@@ -377,7 +332,7 @@ TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
 TEST(SmtpSend, DotStuffingAndTheTerminator) {
   std::string data;
   ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
-                          Transaction("sender@example.org", "a@example.com", data)}));
+                          test::SmtpTransaction("sender@example.org", "a@example.com", data)}));
   SmtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
   EXPECT_EQ(
@@ -391,7 +346,7 @@ TEST(SmtpSend, DotStuffingAndTheTerminator) {
 TEST(SmtpSend, ARefusedRecipientStopsTheOnesAfterIt) {
   std::string first;
   ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
-                          Transaction("sender@example.org", "a@example.com", first),
+                          test::SmtpTransaction("sender@example.org", "a@example.com", first),
                           {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("250 OK\r\n"),
                            Expect("RCPT TO:<nobody@example.com>\r\n"), Send("550 No such user\r\n"),
                            Expect("QUIT\r\n")}}));
@@ -435,7 +390,7 @@ TEST(SmtpSend, LongRecipientListsFoldAt250Characters) {
   std::vector<Step> script = Greeting("250-x\r\n250 HELP\r\n");
   std::string data;
   // The first copy is read whole; then the client is cut off.
-  for (Step& step : Transaction("sender@example.org", addresses[0], data)) {
+  for (Step& step : test::SmtpTransaction("sender@example.org", addresses[0], data)) {
     script.push_back(std::move(step));
   }
   script.push_back(test::Close());

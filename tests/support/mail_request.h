@@ -13,7 +13,8 @@ namespace corvane::test {
 using Fields = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
 // The container bytes of a request as a client sends them: its "sysREQUEST"
-// fields, then its "sysPARAMETER" fields (multi-valued ones joined by ",").
+// fields, then its "sysPARAMETER" fields; a multi-valued field is one entry
+// of its values joined by ",", and a second entry of the name replaces it.
 inline std::string MailRequest(const Fields& request, const Fields& parameters,
                                const Fields& multiValued = {}) {
   wxEntryLog log;
