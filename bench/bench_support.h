@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pop3/pop3_server_env.h"
@@ -30,40 +32,56 @@ inline double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// The test dovecot, started for this run unless it already runs, and
-// stopped again at the end in that case.
-class Pop3Server {
+// A private test server (tests/servers/<name>-server), started for this run
+// unless it already runs, and stopped again at the end in that case. Its
+// env file is <servers>/<name>/<name>.env.
+class TestServer {
  public:
-  Pop3Server() : env_(Root() + "/pop3.env") {
-    if (env_.ok() && Reachable()) return;
+  TestServer(std::string name, std::function<bool(const Pop3ServerEnv&)> reachable)
+      : name_(std::move(name)), reachable_(std::move(reachable)), env_(EnvPath()) {
+    if (Reachable()) return;
     started_ = Run("start") == 0;
-    env_ = Pop3ServerEnv(Root() + "/pop3.env");
+    env_ = Pop3ServerEnv(EnvPath());
   }
-  ~Pop3Server() {
+  ~TestServer() {
     if (started_) Run("stop");
   }
-  Pop3Server(const Pop3Server&) = delete;
-  Pop3Server& operator=(const Pop3Server&) = delete;
+  TestServer(const TestServer&) = delete;
+  TestServer& operator=(const TestServer&) = delete;
 
-  bool Reachable() const {
-    Pop3Client probe;
-    probe.SetPort(env_.Port("POP3_PORT"));
-    Pop3ServerEnv::Account account = env_.Mailbox("EMPTY");
-    bool up = probe.POP3Connect("127.0.0.1", account.user.c_str(), account.password.c_str()) == 0;
-    probe.POP3Close();
-    return up;
-  }
+  bool Reachable() const { return reachable_(env_); }
   const Pop3ServerEnv& env() const { return env_; }
 
  private:
-  static std::string Root() { return CORVANE_SERVERS_DIR "/pop3"; }
-  static int Run(const char* command) {
-    std::string line = "CORVANE_POP3_ROOT='" + Root() + "' '" CORVANE_POP3_SERVER "' " + command;
+  std::string EnvPath() const { return Root(name_) + "/" + name_ + ".env"; }
+  static std::string Root(const std::string& name) { return CORVANE_SERVERS_DIR "/" + name; }
+  int Run(const char* command) const {
+    // The SMTP server delivers into the POP3 server's mailboxes.
+    std::string line = "CORVANE_POP3_ROOT='" + Root("pop3") + "' CORVANE_SMTP_ROOT='" +
+                       Root("smtp") + "' '" CORVANE_SOURCE_DIR "/tests/servers/" + name_ +
+                       "-server' " + command;
     return std::system(line.c_str());
   }
 
+  std::string name_;
+  std::function<bool(const Pop3ServerEnv&)> reachable_;
   Pop3ServerEnv env_;
   bool started_ = false;
+};
+
+// The test dovecot: up when a mailbox can be logged in to.
+class Pop3Server : public TestServer {
+ public:
+  Pop3Server()
+      : TestServer("pop3", [](const Pop3ServerEnv& env) {
+          Pop3Client probe;
+          probe.SetPort(env.Port("POP3_PORT"));
+          Pop3ServerEnv::Account account = env.Mailbox("EMPTY");
+          bool up =
+              probe.POP3Connect("127.0.0.1", account.user.c_str(), account.password.c_str()) == 0;
+          probe.POP3Close();
+          return up;
+        }) {}
 };
 
 // Runs curl with `arguments`; its milliseconds (process start included), or
