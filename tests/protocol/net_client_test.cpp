@@ -61,19 +61,6 @@ int ConnectTo(CNetClient& client, const ScriptedPeer& peer, int timeout = 5) {
   return client.Connect(peer.port(), "127.0.0.1", timeout);
 }
 
-// A port on 127.0.0.1 that nothing listens on.
-uint16_t ClosedPort() {
-  int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(s, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(s);
-  return ntohs(address.sin_port);
-}
-
 TEST(NetClientReceiveLine, RoomOfOneByteReturnsZeroWithoutReading) {
   ScriptedPeer peer({Send("+OK ready\r\n")});
   ProbeClient client;
@@ -300,7 +287,7 @@ TEST(NetClientConnect, NamesResolveWhatFollowsTheLastAtSign) {
 }
 
 TEST(NetClientConnect, RefusedConnectFailsAtOnceAndCanBeRetried) {
-  uint16_t port = ClosedPort();
+  uint16_t port = test::ClosedPort();
   ProbeClient client;
   auto start = Clock::now();
   EXPECT_EQ(client.Connect(port, "127.0.0.1", 5), kNetSocketConnectFailed);

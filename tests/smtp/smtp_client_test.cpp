@@ -88,21 +88,8 @@ TEST(SmtpGreeting, BadGreetingOrHeloAndNoServer) {
     SmtpClient client;
     EXPECT_EQ(Connect(client, peer), 54);
   }
-  // A port nobody listens on: bound once, then let go.
-  uint16_t closedPort = 0;
-  {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    closedPort = ntohs(address.sin_port);
-    ::close(fd);
-  }
   SmtpClient client;
-  client.SetPort(closedPort);
+  client.SetPort(test::ClosedPort());
   EXPECT_NE(client.SMTPConnect("127.0.0.1", "localhost"), 0);
 }
 

@@ -272,6 +272,19 @@ inline Step Accept(int waitMs = kPeerWaitMs) {
   return Step{Step::Kind::kAccept, {}, waitMs, nullptr};
 }
 
+// A port on 127.0.0.1 that nothing listens on: bound once, then let go.
+inline uint16_t ClosedPort() {
+  int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(s, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(s);
+  return ntohs(address.sin_port);
+}
+
 class ScriptedPeer {
  public:
   // Listens at once; the script starts when the first client connects
