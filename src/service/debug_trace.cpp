@@ -33,13 +33,17 @@ int FormatDebugTrace(char (&line)[1024], const char* serviceName, unsigned long 
   return used;
 }
 
-void DebugTrace(const char* serviceName, const char* format, ...) {
+void DebugTraceV(const char* serviceName, const char* format, va_list args) {
   char line[1024];
+  FormatV(line, serviceName, static_cast<unsigned long>(gettid()), format, args);
+  syslog(LOG_DAEMON | LOG_DEBUG, "%s", line);
+}
+
+void DebugTrace(const char* serviceName, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  FormatV(line, serviceName, static_cast<unsigned long>(gettid()), format, args);
+  DebugTraceV(serviceName, format, args);
   va_end(args);
-  syslog(LOG_DAEMON | LOG_DEBUG, "%s", line);
 }
 
 }  // namespace corvane

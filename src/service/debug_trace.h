@@ -1,11 +1,15 @@
 #pragma once
 
+#include <cstdarg>
+
 namespace corvane {
 
 // Trace line of the service wrapper: "[<service>](<thread id>): <message>",
 // at most 1024 bytes, sent to syslog at debug severity whatever the log level.
 void DebugTrace(const char* serviceName, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
+
+void DebugTraceV(const char* serviceName, const char* format, va_list args);
 
 // Formats the trace line without sending it.
 int FormatDebugTrace(char (&line)[1024], const char* serviceName, unsigned long threadId,

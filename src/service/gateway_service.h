@@ -4,13 +4,14 @@
 
 #include "handling/check_mail.h"
 #include "handling/command_dispatcher.h"
+#include "service/tc_service.h"
 #include "transport/sync_socket_server.h"
 
 namespace corvane {
 
 // The gateway as a service: its run routine serves requests until a stop
 // control arrives, its stop routine shuts everything down.
-class GatewayService {
+class GatewayService : public TCService {
  public:
   static constexpr int32_t kMaxConnections = 50;
   static constexpr int32_t kIdleTimeoutMs = 500000;
@@ -22,10 +23,10 @@ class GatewayService {
   void SetCheckMail(CheckMailThread* checkMail) { checkMail_ = checkMail; }
 
   // Serves on the configured port until `OnStop`; returns when stopped.
-  void Run();
-  // Shuts the request server down, logs "Program terminal" and tears down the
-  // process-wide state.
-  void OnStop();
+  void Run() override;
+  // Shuts the request server down, logs "Program terminal", tears down the
+  // process-wide state and reports the service stopped.
+  void OnStop() override;
 
  private:
   CommandDispatcher dispatcher_;
@@ -34,11 +35,7 @@ class GatewayService {
 };
 
 // Blocks SIGTERM and SIGINT in the calling thread and so in every thread it
-// starts afterwards: only the stop control may take them. Gives the set.
-sigset_t BlockStopSignals();
-
-// Runs `service` in the foreground until SIGTERM or SIGINT, which act as the
-// stop control.
-void RunUntilStopSignal(GatewayService& service);
+// starts afterwards: only the service's stop control may take them.
+void BlockStopSignals();
 
 }  // namespace corvane

@@ -59,18 +59,19 @@ void LogStartupIntent(int argc, char** argv) {
 
 int RunProgram(int argc, char** argv) {
   InitGlobals(ProgramDirectoryFromPath(ExecutablePath()));
+  GatewayService service;
   LogStartupIntent(argc, argv);
-  if (argc > 1) {
+  if (service.ParseStandardArgs(argc, argv) != 0) {
     DestroyGlobals();
     return 0;
   }
+  // Before any thread starts, so that only the stop control takes them.
   BlockStopSignals();
   CheckMailThread checkMail(g_settings.notifyProgram,
                             std::chrono::milliseconds(g_settings.checkIntervalMs));
   checkMail.Start();
-  GatewayService service;
   service.SetCheckMail(&checkMail);
-  RunUntilStopSignal(service);
+  service.StartService();
   DestroyGlobals();  // nothing left to do when the stop routine ran
   return 0;
 }

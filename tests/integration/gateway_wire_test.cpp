@@ -2,7 +2,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <atomic>
 #include <filesystem>
+#include <mutex>
+#include <set>
+#include <thread>
 
 #include "support/gateway_process.h"
 #include "transport/counted_string.h"
@@ -244,6 +248,46 @@ TEST_F(GatewayWireTest, SigtermWithClientsConnectedStopsCleanly) {
     EXPECT_TRUE(client->closedByPeer());
   }
   EXPECT_NE(gateway_.LogText().find(" Program terminal\n"), std::string::npos);
+}
+
+TEST_F(GatewayWireTest, SigtermDuringAccountChangesLosesNoConfirmedAccount) {
+  // Accounts are added one after another while the stop comes; every one
+  // the gateway confirmed must be in the profile it leaves behind.
+  std::mutex mutex;
+  std::vector<std::string> confirmed;
+  auto confirmedCount = [&] {
+    std::lock_guard lock(mutex);
+    return confirmed.size();
+  };
+  std::atomic<bool> stopping{false};
+  std::thread traffic([&] {
+    for (int i = 0; i < 200 && !stopping; ++i) {
+      std::string login = "user" + std::to_string(i);
+      CliResult added =
+          RunCli(Cli("--req Command=ConfigMail --req Pop3=pop.local --req Login=" + login +
+                     " --req Pwd=pw --req Mobile=1 --param Config=append "
+                     "--param Polling=start"));
+      if (added.output.find("Status = success") != std::string::npos) {
+        std::lock_guard lock(mutex);
+        confirmed.push_back(login);
+      }
+    }
+  });
+  while (confirmedCount() < 5) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(gateway_.Stop(30), 0);
+  stopping = true;
+  traffic.join();
+  EXPECT_NE(gateway_.LogText().find(" Program terminal\n"), std::string::npos);
+
+  wxRecordFile file(gateway_.dir() / "account.dat");
+  file.SetEncipher(true);
+  std::set<std::string> saved;
+  for (int n = file.CountRecords(); n > 0; --n) {
+    std::optional<std::string> record = file.ReadRecord();
+    ASSERT_TRUE(record.has_value());
+    saved.insert(record->substr(0, record->find(',')));
+  }
+  for (const std::string& login : confirmed) EXPECT_EQ(saved.count(login), 1u) << login;
 }
 
 TEST(CliTest, EncodeAndDecodeRoundTripAndUnreachableGatewayIsAClearError) {

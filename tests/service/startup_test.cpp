@@ -22,7 +22,9 @@ class StartupTest : public ::testing::Test {
 
   // Runs the copied executable with one argument; returns its output.
   std::string Run(const std::string& argument) {
-    std::string command = "'" + (dir_ / "corvane") + "' " + argument + " 2>&1";
+    // A unit written by "-i" goes into the test's own directory.
+    std::string command = "CORVANE_SYSTEMD_DIR='" + dir_.path() + "' '" + (dir_ / "corvane") +
+                          "' " + argument + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     std::string output;
     char chunk[256];
