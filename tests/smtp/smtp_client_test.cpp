@@ -297,8 +297,14 @@ TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
   client.SMTPClose();
   ASSERT_TRUE(peer.Finish()) << peer.Errors();
 
-  EXPECT_EQ(first, second);
-  EXPECT_EQ(first, hidden);
+  // The same copy each time, but for the Date each transaction writes anew.
+  auto undated = [](std::string copy) {
+    size_t at = copy.find("\r\nDate: ");
+    if (at != std::string::npos) copy.erase(at, copy.find("\r\n", at + 2) - at);
+    return copy;
+  };
+  EXPECT_EQ(undated(first), undated(second));
+  EXPECT_EQ(undated(first), undated(hidden));
   EXPECT_EQ(first.find("hidden@"), std::string::npos);
   EXPECT_EQ(first.find("Bcc"), std::string::npos);
   EXPECT_EQ(first.rfind("From: Sender Name<sender@example.org>\r\nTo: Ann "
