@@ -86,10 +86,11 @@ inline std::map<std::string, std::string> ParseAnswerJson(const std::string& jso
   return fields;
 }
 
-// Runs corvane-cli with `arguments` against the gateway on `port`.
-inline GatewayAnswer AskGateway(int port, const std::string& arguments) {
-  std::string command = std::string("'") + CORVANE_CLI + "' --json --port " + std::to_string(port) +
-                        " " + arguments + " 2>&1";
+// Runs corvane-cli with `arguments` against the gateway on `port`; only the
+// output and exit status are filled in.
+inline GatewayAnswer RunCli(int port, const std::string& arguments) {
+  std::string command = std::string("'") + CORVANE_CLI + "' --port " + std::to_string(port) + " " +
+                        arguments + " 2>&1";
   GatewayAnswer answer;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return answer;
@@ -98,6 +99,12 @@ inline GatewayAnswer AskGateway(int port, const std::string& arguments) {
   while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) answer.output.append(chunk, n);
   int status = pclose(pipe);
   answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return answer;
+}
+
+// Runs corvane-cli with `arguments` and --json, and reads the fields.
+inline GatewayAnswer AskGateway(int port, const std::string& arguments) {
+  GatewayAnswer answer = RunCli(port, "--json " + arguments);
   answer.fields = ParseAnswerJson(answer.output);
   return answer;
 }

@@ -128,6 +128,27 @@ TEST_F(ListMailTest, RowsCarryDecodedSenderSubjectDateAndAttachmentFlag) {
   EXPECT_EQ(again.Rows(), answer.Rows());
 }
 
+TEST_F(ListMailTest, CliShowsRowsAsTheirPartsOnlyWhenAsked) {
+  const std::string request =
+      "--req Command=ListMail " + Mailbox("SMALL") + " --mparam Order=Date,Desc";
+  GatewayAnswer rows = test::RunCli(gateway_.port(), "--rows " + request);
+  ASSERT_EQ(rows.status, 0) << rows.output;
+  EXPECT_NE(rows.output.find("  Row0 = 1700000005.M5P4242.mailhost | Erin Evans <erin@example.org>"
+                             " | Newsletter f\xfcr November | "),
+            std::string::npos)
+      << rows.output;
+  EXPECT_NE(rows.output.find("  Row1 = 1700000004.M4P4242.mailhost | Dana Diaz <dana@example.org>"
+                             " | Agenda attached | "),
+            std::string::npos);
+  EXPECT_NE(rows.output.find(" | 1\n  Row2 = "), std::string::npos);       // the flag comes last
+  EXPECT_NE(rows.output.find("  Status = success\n"), std::string::npos);  // not a row: as it is
+
+  GatewayAnswer plain = test::RunCli(gateway_.port(), request);
+  EXPECT_EQ(plain.output.find(" | "), std::string::npos);
+  EXPECT_NE(plain.output.find("  Row0 = 2271700000005.M5P4242.mailhost229Erin Evans"),
+            std::string::npos);
+}
+
 TEST_F(ListMailTest, Pop3sOnPort995GivesTheSameRows) {
   std::vector<std::string> plain = List("SMALL").Rows();
   GatewayAnswer secure =

@@ -61,7 +61,36 @@ std::vector<std::string> SplitValues(const std::string& text) {
   }
 }
 
-std::string RenderTree(const std::vector<Entry>& entries) {
+// The parts of a value that is wholly a run of two or more counted strings
+// (the rows of a listing); nothing for any other value.
+std::vector<std::string> CountedParts(std::string_view value) {
+  std::vector<std::string> parts;
+  size_t position = 0;
+  while (position < value.size()) {
+    const char* at = value.data() + position;
+    size_t available = value.size() - position;
+    size_t size = CountedString::SizeAt(at, available);
+    std::optional<std::string_view> data = CountedString::DataAt(at, available);
+    std::string part(data ? *data : std::string_view());
+    // Only a whole string in the gateway's own (shortest) form counts: a
+    // truncated one or text that merely starts with digits does not.
+    if (size == 0 || CountedString::Encode(part) != value.substr(position, size)) return {};
+    parts.push_back(std::move(part));
+    position += size;
+  }
+  if (parts.size() < 2) parts.clear();
+  return parts;
+}
+
+std::string PlainValue(const std::string& value, bool splitRows) {
+  std::vector<std::string> parts = splitRows ? CountedParts(value) : std::vector<std::string>{};
+  if (parts.empty()) return value;
+  std::string out;
+  for (const std::string& part : parts) out += (out.empty() ? "" : " | ") + part;
+  return out;
+}
+
+std::string RenderTree(const std::vector<Entry>& entries, bool splitRows) {
   std::string out;
   int depth = 0;
   for (const Entry& entry : entries) {
@@ -72,7 +101,7 @@ std::string RenderTree(const std::vector<Entry>& entries) {
         ++depth;
         break;
       case 2:
-        out += indent + entry.name + " = " + entry.value + "\n";
+        out += indent + entry.name + " = " + PlainValue(entry.value, splitRows) + "\n";
         break;
       case 3:
         out += indent + entry.name + " = [" + entry.value + "]\n";
@@ -138,9 +167,9 @@ std::string RenderJson(const std::vector<Entry>& entries) {
 
 }  // namespace
 
-std::string RenderAnswer(std::string_view bytes, bool json) {
+std::string RenderAnswer(std::string_view bytes, bool json, bool splitRows) {
   std::vector<Entry> entries = ReadEntries(bytes);
-  return json ? RenderJson(entries) : RenderTree(entries);
+  return json ? RenderJson(entries) : RenderTree(entries, splitRows);
 }
 
 std::optional<std::string> AnswerStatus(std::string_view bytes) {

@@ -41,6 +41,7 @@ void PrintUsage() {
       "  --repeat N       send the request N times over one connection\n"
       "  --timeout S      seconds to wait for each answer (default 120)\n"
       "  --json           print the answer as JSON\n"
+      "  --rows           print each listing row as its parts, joined by \" | \"\n"
       "Exit status: 0 success, 1 the gateway answered \"fail\", 2 connection or\n"
       "usage error, 3 an answer that cannot be decoded.\n",
       stderr);
@@ -64,6 +65,10 @@ std::optional<CliOptions> ParseOptions(int argc, char** argv) {
     }
     if (option == "--json") {
       options.json = true;
+      continue;
+    }
+    if (option == "--rows") {
+      options.rows = true;
       continue;
     }
     if (option == "-h" || option == "--help") return std::nullopt;

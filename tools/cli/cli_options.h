@@ -16,6 +16,7 @@ struct CliOptions {
   int port = 8500;
   bool rapid = false;
   bool json = false;
+  bool rows = false;
   int repeat = 1;
   int timeoutSeconds = 120;
   std::vector<std::pair<std::string, std::string>> requestFields;    // --req

@@ -58,7 +58,7 @@ int RunSend(const CliOptions& options) {
                    answer->size());
       return kExitUndecodable;
     }
-    std::fputs(RenderAnswer(plain, options.json).c_str(), stdout);
+    std::fputs(RenderAnswer(plain, options.json, options.rows).c_str(), stdout);
     if (*status != "success") result = kExitFail;
   }
   return result;
