@@ -1,7 +1,5 @@
 #include "handling/command_dispatcher.h"
 
-#include <cstdio>
-
 #include "handling/config_mail.h"
 #include "handling/process_registry.h"
 #include "mail/mail_forwarder.h"
@@ -78,13 +76,10 @@ void RunForwardMail(RequestFields& request, wxEntryLog& answer) {
   if (!registry) return;
   MailReceiver receiver(request, *registry);
   if (!Retrieve(receiver, answer)) return;
-  receiver.SetAttachmentDestination(receiver.CacheDirectory());
-  receiver.SaveAttachments();
+  receiver.SaveAttachmentCopies();  // removed with the receiver, once sent
   MailForwarder forwarder(request);
   forwarder.Merge(receiver.Rendered(), receiver.AttachmentDirectory());
   forwarder.Send(answer);
-  // The copies made only to be attached again.
-  for (const std::string& path : forwarder.AttachedFiles()) std::remove(path.c_str());
 }
 
 void RunConfigMail(RequestFields& request, wxEntryLog& answer) {

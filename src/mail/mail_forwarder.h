@@ -20,7 +20,7 @@ class MailForwarder {
   void Merge(const RenderedMail& original, const std::string& attachmentDirectory);
   void Send(wxEntryLog& answer) { sender_.Send(answer); }
   const OutgoingMail& Mail() const { return sender_.Mail(); }
-  // The files attached from the retrieved message: theirs to delete once sent.
+  // The files attached from the retrieved message.
   const std::vector<std::string>& AttachedFiles() const { return sender_.Mail().attachments; }
 
  private:

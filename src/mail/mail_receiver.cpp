@@ -188,12 +188,26 @@ void MailReceiver::SaveAttachments() {
   std::string destination = *destination_;
   ftpDirectory_ = FtpPathOfUrl(destination);
   if (ftpDirectory_) {
-    attachmentDirectory_ = cacheDirectory_;
-  } else {
-    attachmentDirectory_ = destination;
-    char last = destination.empty() ? '\0' : destination.back();
-    if (last != '/' && last != '\\') attachmentDirectory_ += '/';
+    SaveAttachmentsInto(ScratchPath());
+    return;
   }
+  char last = destination.empty() ? '\0' : destination.back();
+  if (last != '/' && last != '\\') destination += '/';
+  SaveAttachmentsInto(std::move(destination));
+}
+
+void MailReceiver::SaveAttachmentCopies() {
+  if (message_.AttachmentCount() == 0) return;
+  SaveAttachmentsInto(ScratchPath());
+}
+
+const std::string& MailReceiver::ScratchPath() {
+  if (!scratch_) scratch_.emplace(cacheDirectory_);
+  return scratch_->Path();
+}
+
+void MailReceiver::SaveAttachmentsInto(std::string directory) {
+  attachmentDirectory_ = std::move(directory);
   for (int i = 0; i < message_.AttachmentCount(); ++i) {
     const std::string* rawName = message_.AttachmentName(i);
     if (rawName == nullptr) continue;

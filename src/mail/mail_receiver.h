@@ -7,6 +7,7 @@
 
 #include "handling/account_registry.h"
 #include "mail/mailbox_connection.h"
+#include "mail/scratch_directory.h"
 #include "mime/mail_message.h"
 #include "protocol/pop3_client.h"
 #include "transport/request_fields.h"
@@ -47,8 +48,13 @@ class MailReceiver {
   // An HTML-only body becomes plain text.
   void ConvertHtmlBody();
   // Decodes the named attachments into the "Attachment" directory, or into
-  // the cache directory when it is an FTP address (uploaded by WriteAnswer).
+  // a scratch directory inside the cache directory when it is an FTP
+  // address (uploaded by WriteAnswer).
   void SaveAttachments();
+  // Decodes the named attachments into a scratch directory inside the cache
+  // directory, whatever the request's "Attachment" says, for a forward to
+  // attach again; they go with this object.
+  void SaveAttachmentCopies();
   void ApplyDefaultBody(const std::optional<std::string>& defaultBody);
   // Writes the success answer; uploads FTP-bound attachments first and
   // deletes their local copies, whether or not the upload worked.
@@ -59,18 +65,14 @@ class MailReceiver {
   const MailMessage& Message() const { return message_; }
   const RenderedMail& Rendered() const { return rendered_; }
   RenderedMail& Rendered() { return rendered_; }
-  // The mailbox's cache directory ("/" at the end), known once Fetch has
-  // logged in.
-  const std::string& CacheDirectory() const { return cacheDirectory_; }
-  // Replaces the request's "Attachment" destination (a directory, or an FTP
-  // address).
-  void SetAttachmentDestination(std::string destination) { destination_ = std::move(destination); }
   // Where the attachments were saved ("/" at the end), empty before saving.
   const std::string& AttachmentDirectory() const { return attachmentDirectory_; }
 
  private:
   int FetchFromServer(const std::string& cachedPath);
   std::optional<std::string> DisplayHeader(HeaderFieldId field) const;
+  void SaveAttachmentsInto(std::string directory);
+  const std::string& ScratchPath();
 
   const AccountRegistry& registry_;
   MailboxLogin mailbox_;
@@ -85,6 +87,7 @@ class MailReceiver {
   RenderedMail rendered_;
   std::string attachmentDirectory_;
   std::optional<std::string> ftpDirectory_;
+  std::optional<ScratchDirectory> scratch_;
 };
 
 }  // namespace corvane

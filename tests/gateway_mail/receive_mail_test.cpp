@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <set>
 #include <thread>
 
 #include "gateway_mail/gateway_client.h"
@@ -193,9 +194,13 @@ TEST(ReceiveMailFtpTest, AttachmentsAddressedToFtpArriveOnTheConfiguredServer) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   EXPECT_EQ(test::ReadFile(uploaded), AgendaBytes());
-  // The local copy in the cache directory is gone.
-  EXPECT_FALSE(
-      std::filesystem::exists(gateway.dir() / ("cache/" + small.user + "@127.0.0.1/agenda.pdf")));
+  // The local copy, and the directory it was made in, are gone: only the
+  // cached message and the known-id list are left.
+  std::set<std::string> left;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(gateway.dir() / ("cache/" + small.user + "@127.0.0.1")))
+    left.insert(entry.path().filename());
+  EXPECT_EQ(left, (std::set<std::string>{std::string(kAgendaId) + ".txt", "mail.list"}));
   EXPECT_NE(gateway.LogText().find("Upload attachment file "), std::string::npos);
 }
 

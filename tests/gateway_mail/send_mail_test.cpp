@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "gateway_mail/delivered_mail.h"
@@ -202,25 +203,42 @@ TEST_F(SendMailTest, ReplyQuotesTheOriginalAndGoesToItsSender) {
   EXPECT_EQ(unknown["Log"], "Load pop3 message error");
 }
 
-TEST_F(SendMailTest, ForwardCarriesTheAttachmentsAndLeavesNoCopies) {
+// The files in a mailbox's cache directory, by name.
+std::set<std::string> FilesIn(const std::string& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.insert(entry.path().filename());
+  return names;
+}
+
+TEST_F(SendMailTest, ForwardCarriesTheAttachmentsAndLeavesTheCacheAsItWas) {
+  // Named like the mailbox's list cache: the copy made for the forward must
+  // not replace it.
   test::TempDir files;
   std::string pdf = "%PDF-1.4\n" + std::string(50000, 'x') + "\n%%EOF\n";
   std::ofstream(files / "plan.pdf", std::ios::binary) << pdf;
+  std::ofstream(files / "list.cache", std::ios::binary) << "not a list";
   std::string marker = Marker("to be forwarded");
   ASSERT_EQ(Ask("--req Command=SendMail " + SmtpAccount() +
                 " --param From=outboxuser@localhost --param To=inboxuser@localhost" +
                 " --param Subject=" + Quoted(marker) + " --param Body=Plan" +
-                " --mparam Attachments=" + Quoted(files / "plan.pdf"))["Status"],
+                " --mparam Attachments=" + Quoted(files / "plan.pdf") + "," +
+                Quoted(files / "list.cache"))["Status"],
             "success");
   std::string id = DeliveredId("INBOX", marker);
   ASSERT_FALSE(id.empty()) << "not delivered";
+  ASSERT_EQ(Ask("--req Command=ListMail " + Mailbox("INBOX"))["Status"], "success");
+  ASSERT_EQ(Receive("INBOX", id)["Status"], "success");
+  std::string cache = gateway_.dir() / ("cache/" + pop3_.Mailbox("INBOX").user + "@127.0.0.1/");
+  const std::string listCache = ReadFile(cache + "list.cache");
+  const std::set<std::string> cacheFiles = FilesIn(cache);
 
   GatewayAnswer forwarded =
       Ask("--req Command=ForwardMail " + Mailbox("INBOX") + " --param ID=" + id +
           " --param From=inboxuser@localhost --param To=outboxuser@localhost");
   ASSERT_EQ(forwarded["Status"], "success") << forwarded.output;
-  std::string cache = gateway_.dir() / ("cache/" + pop3_.Mailbox("INBOX").user + "@127.0.0.1/");
-  EXPECT_FALSE(std::filesystem::exists(cache + "plan.pdf"));
+  EXPECT_EQ(ReadFile(cache + "list.cache"), listCache);
+  EXPECT_EQ(FilesIn(cache), cacheFiles);  // no copies left behind
 
   std::string forwardId = DeliveredId("OUTBOX", "Fw: " + marker);
   ASSERT_FALSE(forwardId.empty()) << "the forward did not arrive";
@@ -228,7 +246,9 @@ TEST_F(SendMailTest, ForwardCarriesTheAttachmentsAndLeavesNoCopies) {
   GatewayAnswer copy = Receive("OUTBOX", forwardId, "--param Attachment=" + saved.path());
   EXPECT_EQ(copy["Subject"], "Fw: " + marker);
   EXPECT_EQ(copy["Attachment0"], "plan.pdf," + std::to_string(pdf.size()));
+  EXPECT_EQ(copy["Attachment1"], "list.cache,10");
   EXPECT_TRUE(ReadFile(saved / "plan.pdf") == pdf);
+  EXPECT_EQ(ReadFile(saved / "list.cache"), "not a list");
   EXPECT_NE(copy["Body"].find("\r\nPlan"), std::string::npos) << copy["Body"];
 }
 
