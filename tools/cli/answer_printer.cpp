@@ -85,8 +85,8 @@ std::vector<std::string> CountedParts(std::string_view value) {
 std::string PlainValue(const std::string& value, bool splitRows) {
   std::vector<std::string> parts = splitRows ? CountedParts(value) : std::vector<std::string>{};
   if (parts.empty()) return value;
-  std::string out;
-  for (const std::string& part : parts) out += (out.empty() ? "" : " | ") + part;
+  std::string out = parts[0];
+  for (size_t k = 1; k < parts.size(); ++k) out += " | " + parts[k];
   return out;
 }
 
