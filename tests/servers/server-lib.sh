@@ -6,22 +6,16 @@ die() {
   exit 1
 }
 
-ensure_packages() {
+# Fails, naming what is missing and how to install it, unless every Debian
+# package given is installed. The scripts never install anything themselves:
+# they run in parallel, and apt-get takes one lock at a time.
+require_packages() {
   local missing=() p
   for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")
   done
   [[ ${#missing[@]} -eq 0 ]] && return
-  echo "$prog: installing ${missing[*]}" >&2
-  # Keep the packages from starting the daemons they bring.
-  if [[ ! -e /usr/sbin/policy-rc.d ]]; then
-    printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
-    chmod 755 /usr/sbin/policy-rc.d
-    trap 'rm -f /usr/sbin/policy-rc.d' EXIT
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get -o DPkg::Lock::Timeout=120 update -qq
-  apt-get -o DPkg::Lock::Timeout=120 install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  die "missing Debian packages: ${missing[*]}; install them (and the rest the tests need) as root with: $repo/scripts/install-deps test"
 }
 
 # /proc/net/tcp* spelling of an IPv4 address and a port.
