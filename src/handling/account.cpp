@@ -1,6 +1,7 @@
 #include "handling/account.h"
 
 #include "service/decimal_text.h"
+#include "service/program_paths.h"
 
 namespace corvane {
 
@@ -12,11 +13,15 @@ std::string AccountKey(std::string_view login, std::string_view pop3Host) {
   return key;
 }
 
-std::string AccountCacheDirectory(std::string_view programDirectory, std::string_view login,
-                                  std::string_view pop3Host) {
+std::string MailboxCacheDirectory(std::string_view programDirectory, std::string_view login,
+                                  std::string_view pop3Host, int32_t port) {
   std::string directory(programDirectory);
   directory += "/cache/";
-  directory += AccountKey(login, pop3Host);
+  directory += EscapeFileNamePart(login);
+  directory += '@';
+  directory += EscapeFileNamePart(pop3Host, "@");
+  directory += ':';
+  directory += std::to_string(port);
   directory += '/';
   return directory;
 }

@@ -13,9 +13,13 @@ namespace corvane {
 std::string AccountKey(std::string_view login, std::string_view pop3Host);
 
 // Where a mailbox's cache files live, "/" at the end: "<program
-// directory>/cache/" followed by the account key.
-std::string AccountCacheDirectory(std::string_view programDirectory, std::string_view login,
-                                  std::string_view pop3Host);
+// directory>/cache/<login>@<host>:<port>/", each part escaped
+// (EscapeFileNamePart; "@" in the host too, so no two mailboxes share a
+// name). Unlike the account key, the cache is keyed by server and port even
+// for a login that holds "@": a client naming its own server with someone
+// else's login must not be served their cached mail.
+std::string MailboxCacheDirectory(std::string_view programDirectory, std::string_view login,
+                                  std::string_view pop3Host, int32_t port);
 
 // One registered POP3 account. The registry shares it with the operations that
 // use it, so a "delete" never pulls it from under a request in progress.

@@ -89,16 +89,22 @@ bool AccountRegistry::Add(std::shared_ptr<Account> account) {
     buckets_[BucketOf(key)].push_back({key, account});
     insertionOrder_.push_back(key);
   }
-  PrepareCacheDirectory(*account);
+  PlaceCache(*account);
   return true;
 }
 
-void AccountRegistry::PrepareCacheDirectory(Account& account) const {
-  std::string directory = AccountCacheDirectory(programDirectory_, account.login, account.pop3Host);
-  EnsureDirectory(directory);
+void AccountRegistry::PlaceCache(Account& account) const {
   std::lock_guard guard(account.lock);
+  std::string directory =
+      MailboxCacheDirectory(programDirectory_, account.login, account.pop3Host, account.port);
+  if (directory == account.cacheDirectory) return;
+  std::string listPath = directory + "mail.list";
+  if (!account.mailListPath.empty() && access(account.mailListPath.c_str(), F_OK) == 0) {
+    EnsureDirectory(directory);
+    std::rename(account.mailListPath.c_str(), listPath.c_str());
+  }
   account.cacheDirectory = directory;
-  account.mailListPath = directory + "mail.list";
+  account.mailListPath = listPath;
 }
 
 bool AccountRegistry::Remove(std::string_view key) {

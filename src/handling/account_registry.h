@@ -40,6 +40,12 @@ class AccountRegistry {
   // The accounts in insertion order, for a polling pass.
   std::vector<std::shared_ptr<Account>> Accounts() const;
   size_t Count() const;
+  // Points the account's cache paths at the directory of its login, server
+  // and port (MailboxCacheDirectory); called when it is added and after its
+  // port changes, when its known-id list moves along, so that a new port
+  // does not announce old mail again. Nothing is made on disk before a check
+  // of the mailbox has something to save. Takes the account's lock.
+  void PlaceCache(Account& account) const;
   // The base of every mailbox's cache directory.
   const std::string& ProgramDirectory() const { return programDirectory_; }
 
@@ -53,7 +59,6 @@ class AccountRegistry {
     std::shared_ptr<Account> account;
   };
   const Entry* FindLocked(std::string_view key) const;
-  void PrepareCacheDirectory(Account& account) const;
   bool WriteProfile(const std::string& path) const;
 
   const std::string accountFile_;

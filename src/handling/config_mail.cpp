@@ -20,6 +20,13 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
     WriteFailure(answer, "The parameter of request is not enough");
     return;
   }
+  // A line break or NUL would write forged rows into the profile file.
+  for (const auto* field : {&pop3, &login, &password, &mobile}) {
+    if ((*field)->find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
+      WriteFailure(answer, "Error config parameter");
+      return;
+    }
+  }
   const int32_t portNumber = ReadDecimal(port.value_or("110"));
   const int32_t pollingFlag = *polling == "stop" ? 0 : 1;
   const std::string key = AccountKey(*login, *pop3);
@@ -43,11 +50,14 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
       WriteFailure(answer, "Account is not exist");
       return;
     }
-    std::lock_guard guard(account->lock);
-    account->password = *password;
-    account->port = portNumber;
-    account->mobile = *mobile;
-    account->polling = pollingFlag;
+    {
+      std::lock_guard guard(account->lock);
+      account->password = *password;
+      account->port = portNumber;
+      account->mobile = *mobile;
+      account->polling = pollingFlag;
+    }
+    registry.PlaceCache(*account);
   } else if (strcasecmp(action->c_str(), "delete") == 0) {
     if (!registry.Remove(key)) {
       WriteFailure(answer, "Account is not exist");

@@ -1,5 +1,6 @@
 #include "mail/attachment_upload.h"
 
+#include "protocol/command_text.h"
 #include "protocol/ftp_client.h"
 #include "protocol/net_codes.h"
 #include "service/process_log.h"
@@ -24,6 +25,14 @@ std::optional<std::string> FtpPathOfUrl(std::string& destination) {
 int UploadToFtp(const std::string& host, const std::string& user, const std::string& password,
                 const std::string& localPath, const std::string& remoteName,
                 const std::optional<std::string>& remoteDirectory, unsigned port) {
+  // A name or directory holding a line break or NUL is refused before any
+  // connection: it would reach the server cut short or as a second command.
+  if (!IsSafeCommandArgument(remoteName) ||
+      (remoteDirectory && !IsSafeCommandArgument(*remoteDirectory))) {
+    WriteLog(kLogError, "Upload file %s refused: control bytes in its ftp name or directory\n",
+             localPath.c_str());
+    return -1;
+  }
   FtpClient ftp;
   ftp.SetServerPort(port);
   if (ftp.FtpConnect(host.c_str(), user.c_str(), password.c_str(), "") != kNetOk) {

@@ -1,20 +1,11 @@
 #include "mail/cached_message.h"
 
+#include "service/program_paths.h"
+
 namespace corvane {
 
 std::string CachedMessagePath(const std::string& cacheDirectory, const std::string& uid) {
-  std::string path = cacheDirectory;
-  for (char c : uid) {
-    if (c == '/') {
-      path += "%2F";
-    } else if (c == '%') {
-      path += "%25";
-    } else {
-      path += c;
-    }
-  }
-  path += ".txt";
-  return path;
+  return cacheDirectory + EscapeFileNamePart(uid) + ".txt";
 }
 
 }  // namespace corvane

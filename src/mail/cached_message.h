@@ -5,8 +5,8 @@
 namespace corvane {
 
 // The file "<cache directory><id>.txt" that keeps a retrieved message. An id
-// is server text: a "/" in it is written "%2F" (and "%" "%25"), so no id can
-// name a file outside the cache directory.
+// is server or client text, escaped like every part of a cache path
+// (EscapeFileNamePart), so no id can name a file outside the cache directory.
 std::string CachedMessagePath(const std::string& cacheDirectory, const std::string& uid);
 
 }  // namespace corvane

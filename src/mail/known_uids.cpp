@@ -9,6 +9,7 @@
 
 #include "mail/cached_message.h"
 #include "service/process_log.h"
+#include "service/program_paths.h"
 
 namespace corvane {
 namespace {
@@ -26,22 +27,25 @@ bool FileExists(const std::string& path) {
 }
 
 // Adds through `change` either to the registered account's list (under its
-// lock, saved when changed) or to the mailbox's file alone.
+// lock, saved when changed) or to the mailbox's file alone. The account's
+// list is used only when it is this very mailbox: a registered login on
+// another server or port keeps its own list.
 template <typename Change>
 void UpdateKnownUids(const AccountRegistry& registry, const std::string& key,
                      const std::string& cacheDirectory, Change change) {
-  std::shared_ptr<Account> account = registry.Find(key);
-  if (!account) {
-    std::string path = cacheDirectory + kListFileName;
-    std::vector<std::string> known = ReadKnownUids(path);
-    if (change(known, cacheDirectory) > 0) SaveKnownUids(path, known);
-    return;
+  if (std::shared_ptr<Account> account = registry.Find(key)) {
+    std::lock_guard guard(account->lock);
+    if (account->cacheDirectory == cacheDirectory) {
+      EnsureKnownUidsLoaded(*account);
+      if (change(account->knownUids, account->cacheDirectory) > 0) {
+        SaveKnownUids(account->mailListPath, account->knownUids);
+      }
+      return;
+    }
   }
-  std::lock_guard guard(account->lock);
-  EnsureKnownUidsLoaded(*account);
-  if (change(account->knownUids, account->cacheDirectory) > 0) {
-    SaveKnownUids(account->mailListPath, account->knownUids);
-  }
+  std::string path = cacheDirectory + kListFileName;
+  std::vector<std::string> known = ReadKnownUids(path);
+  if (change(known, cacheDirectory) > 0) SaveKnownUids(path, known);
 }
 
 }  // namespace
@@ -67,6 +71,8 @@ std::vector<std::string> ReadKnownUids(const std::string& path) {
 void SaveKnownUids(const std::string& path, const std::vector<std::string>& ids) {
   std::remove(path.c_str());
   if (ids.empty()) return;
+  // A registered account's directory is made when it first has ids to keep.
+  EnsureDirectory(path.substr(0, path.find_last_of('/') + 1));
   FilePointer file(std::fopen(path.c_str(), "w"));
   if (!file) return;
   for (size_t i = 0; i < ids.size(); ++i) {

@@ -1,6 +1,7 @@
 #include "mail/list_cache.h"
 
 #include <cstdio>
+#include <fstream>
 
 #include "protocol/file_data_source.h"
 #include "service/decimal_text.h"
@@ -8,19 +9,19 @@
 namespace corvane {
 namespace {
 
-constexpr int kLineRoom = 1024;  // 1023 characters and the terminator
-
-// One line without up to two trailing CR or LF; false at the end of the file.
-bool ReadCacheLine(FileDataSource& file, std::string& line) {
-  char buffer[kLineRoom];
-  int length = file.ReadLine(buffer, kLineRoom);
-  if (length <= 0) return false;
-  for (int strip = 0; strip < 2 && length > 0; ++strip) {
-    if (buffer[length - 1] != '\r' && buffer[length - 1] != '\n') break;
-    --length;
-  }
-  line.assign(buffer, static_cast<size_t>(length));
+// One line without its CR LF; false at the end of the file. Lines are read
+// whole: a cut at a fixed length would turn the rest of a long row into
+// lines of their own.
+bool ReadCacheLine(std::istream& file, std::string& line) {
+  if (!std::getline(file, line)) return false;
+  if (!line.empty() && line.back() == '\r') line.pop_back();
   return true;
+}
+
+// A line break or NUL inside a value would split it into rows of its own
+// when the cache is read back: such an item is not kept.
+bool FitsOnALine(const std::string& text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
 }
 
 }  // namespace
@@ -34,10 +35,9 @@ const MailListItem* ListCache::Find(const std::string& uid) const {
 
 ListCache ReadListCache(const std::string& path) {
   ListCache cache;
-  FileDataSource file(path);
-  if (file.Open(DataSource::kOpenRead) != 0) return cache;
+  std::ifstream file(path, std::ios::binary);
   std::string line;
-  if (!ReadCacheLine(file, line)) return cache;
+  if (!file || !ReadCacheLine(file, line)) return cache;
   cache.count = ReadDecimal(line);
   // Only triples actually read are kept: slots past a cut never match anyway.
   for (int32_t i = 0; i < cache.count; ++i) {
@@ -55,13 +55,17 @@ ListCache ReadListCache(const std::string& path) {
 
 void WriteListCache(const std::string& path, const std::vector<MailListItem>& items) {
   std::remove(path.c_str());
+  std::vector<const MailListItem*> kept;
+  for (const MailListItem& item : items) {
+    if (FitsOnALine(item.uid) && FitsOnALine(item.row)) kept.push_back(&item);
+  }
   FileDataSource file(path);
   if (file.Open(DataSource::kOpenWrite) != 0) return;
-  file.WriteLine(std::to_string(items.size()).c_str());
-  for (const MailListItem& item : items) {
-    file.WriteLine(item.uid.c_str());
-    file.WriteLine(std::to_string(item.time).c_str());
-    file.WriteLine(item.row.c_str());
+  file.WriteLine(std::to_string(kept.size()).c_str());
+  for (const MailListItem* item : kept) {
+    file.WriteLine(item->uid.c_str());
+    file.WriteLine(std::to_string(item->time).c_str());
+    file.WriteLine(item->row.c_str());
   }
   file.Close();
 }

@@ -30,9 +30,7 @@ MailLister::MailLister(RequestFields& request, const AccountRegistry& registry)
   // Only a second value of "Order" counts: a single "Desc" keeps server order.
   order_ = request.ParameterAt("Order", 2).value_or("Asc");
   if (mailbox_.Complete()) {
-    cacheDirectory_ =
-        AccountCacheDirectory(registry_.ProgramDirectory(), *mailbox_.login, *mailbox_.pop3Host);
-    EnsureDirectory(cacheDirectory_);
+    cacheDirectory_ = mailbox_.CacheDirectory(registry_.ProgramDirectory());
     listCachePath_ = cacheDirectory_ + "list.cache";
   }
 }
@@ -55,6 +53,8 @@ int MailLister::Open(wxEntryLog& answer) {
     return result;
   }
   connected_ = true;
+  // Only a mailbox that let us in gets a cache directory.
+  EnsureDirectory(cacheDirectory_);
   client_.GetNumMsgs(&count_);
   WriteSuccess(answer);
   if (count_ < 1) {

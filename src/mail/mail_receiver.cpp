@@ -40,14 +40,20 @@ int LoadMessageFile(MailMessage& message, const std::string& path) {
   return message.Load(file);
 }
 
-// An attachment's name as a file name inside the target directory: a name
-// from a message must not lead out of it.
-std::string SafeFileName(std::string name) {
-  for (char& c : name) {
-    if (c == '/') c = '_';
+// An attachment's name as a file name inside the target directory, and as
+// the name an upload stores it under: a name from a message must neither
+// lead out of the directory nor carry a control byte into a command line.
+std::string SafeFileName(std::string_view name) {
+  std::string safe;
+  for (char c : name) {
+    if (c == '/' || c == '\\') {
+      safe += '_';
+    } else if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) {
+      safe += c;
+    }
   }
-  if (name == "." || name == "..") name = "_";
-  return name;
+  if (safe.empty() || safe == "." || safe == "..") safe = "_";
+  return safe;
 }
 
 const char* OrNull(const std::optional<BodyText>& body) {
@@ -78,8 +84,7 @@ int MailReceiver::Fetch(wxEntryLog& answer, int pop3TimeoutSeconds) {
     connected_ = true;
     pop3Timeout_ = pop3TimeoutSeconds;
     client_.SetPOP3TimeOut(pop3Timeout_);
-    cacheDirectory_ =
-        AccountCacheDirectory(registry_.ProgramDirectory(), *mailbox_.login, *mailbox_.pop3Host);
+    cacheDirectory_ = mailbox_.CacheDirectory(registry_.ProgramDirectory());
     EnsureDirectory(cacheDirectory_);
     std::string cachedPath = CachedMessagePath(cacheDirectory_, *uid_);
     if (FileExists(cachedPath) && LoadMessageFile(message_, cachedPath) == 0) {

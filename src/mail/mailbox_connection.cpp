@@ -2,6 +2,8 @@
 
 #include "handling/account.h"
 #include "protocol/buffer_data_source.h"
+#include "protocol/command_text.h"
+#include "protocol/net_codes.h"
 #include "service/decimal_text.h"
 
 namespace corvane {
@@ -27,7 +29,16 @@ std::string MailboxLogin::Key() const {
   return AccountKey(*login, *pop3Host);
 }
 
+std::string MailboxLogin::CacheDirectory(std::string_view programDirectory) const {
+  return MailboxCacheDirectory(programDirectory, *login, *pop3Host, ReadDecimal(port));
+}
+
 int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
+  // A NUL would cut the text short on its way to the server (and a line
+  // break would add a command): refused before connecting.
+  for (const std::string* text : {&*mailbox.pop3Host, &*mailbox.login, &*mailbox.password}) {
+    if (!IsSafeCommandArgument(*text)) return kNetInvalidParameter;
+  }
   int port = ReadDecimal(mailbox.port);
   if (port == kPop3sPort) {
     client.SetSecurityEnabled(true);

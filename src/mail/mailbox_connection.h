@@ -20,8 +20,10 @@ struct MailboxLogin {
   static MailboxLogin FromRequest(RequestFields& request);
 
   bool Complete() const { return pop3Host && login && password; }
-  // The registry key and the cache directory of the mailbox.
+  // The registry key of the mailbox.
   std::string Key() const;
+  // Its cache directory (MailboxCacheDirectory), under the port connected to.
+  std::string CacheDirectory(std::string_view programDirectory) const;
 };
 
 // Connects and logs in: port 995 (the port text read as a number) is POP3

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "protocol/command_text.h"
 #include "protocol/file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/socket_wait.h"
@@ -54,6 +55,11 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
                           const char* account) {
   FtpClose();
   replyLines_.clear();
+  for (const char* argument : {user, password, account}) {
+    if (argument != nullptr && !IsSafeCommandArgument(argument)) {
+      return OnError(kNetInvalidParameter);
+    }
+  }
   int result = Connect(serverPort_, host, connectTimeOut_);
   if (result != kNetOk) return OnError(result);
   connected_ = true;
@@ -82,6 +88,9 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
 }
 
 int FtpClient::SimpleCommand(const char* format, const char* argument) {
+  if (argument != nullptr && !IsSafeCommandArgument(argument)) {
+    return OnError(kNetInvalidParameter);
+  }
   SendCommand(format, argument);
   int code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
@@ -120,7 +129,25 @@ int FtpClient::OpenDataPort() {
   return kNetDataPortFailed;
 }
 
+int FtpClient::AcceptServerDataConnection(int seconds) {
+  const int64_t deadline = MonotonicMs() + int64_t{seconds} * 1000;
+  const std::string server = GetRemoteAddress();
+  for (;;) {
+    const int64_t left = deadline - MonotonicMs();
+    if (left <= 0) return kNetTimeout;
+    if (dataConnection_.WaitForAccept(static_cast<int>((left + 999) / 1000)) != 0) {
+      return kNetTimeout;
+    }
+    // A connection from anyone but the server is closed unread: whoever races
+    // to the offered port gets neither the file nor a say in it.
+    if (dataConnection_.AcceptConnection(server.c_str()) == kNetOk) return kNetOk;
+  }
+}
+
 int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
+  if (remoteName == nullptr || !IsSafeCommandArgument(remoteName)) {
+    return OnError(kNetInvalidParameter);
+  }
   int result = OpenDataPort();
   if (result != kNetOk) return OnError(result);
 
@@ -145,7 +172,7 @@ int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
     dataConnection_.CloseConnection();
     return OnError(kNetStorFailed);
   }
-  if (dataConnection_.WaitForAccept(5) != 0 || dataConnection_.AcceptConnection() != kNetOk) {
+  if (AcceptServerDataConnection(kDataAcceptSeconds) != kNetOk) {
     dataConnection_.CloseConnection();
     return OnError(kNetDataPortFailed);
   }

@@ -10,13 +10,15 @@ namespace corvane {
 
 // Puts files on an FTP server: log in (USER, PASS, ACCT as the server asks),
 // change or make a directory, store a file over an active (PORT) data
-// connection, quit. Every operation returns a result code (0 success).
+// connection, quit. Every operation returns a result code (0 success); an
+// argument holding CR, LF or NUL is refused (kNetInvalidParameter) unsent.
 class FtpClient : public CNetClient {
  public:
   static constexpr int kMaxLine = 261;
   static constexpr int kFirstDataPort = 10000;
   static constexpr int kLastDataPort = 32000;
   static constexpr int kDataPortAttempts = 128;
+  static constexpr int kDataAcceptSeconds = 5;
 
   FtpClient();
   ~FtpClient() override;
@@ -48,6 +50,9 @@ class FtpClient : public CNetClient {
   // Sends a command and maps its reply: 38 none, 0 for 200..299, else 10.
   int SimpleCommand(const char* format, const char* argument);
   int OpenDataPort();
+  // Waits up to `seconds` for the server's own connection to the data port;
+  // kNetOk, or kNetTimeout.
+  int AcceptServerDataConnection(int seconds);
 
   CNetClient dataConnection_;
   bool connected_ = false;

@@ -201,7 +201,7 @@ int CNetClient::WaitForAccept(int seconds) {
   return PollSocket(listenSocket_, POLLIN, WaitMs(seconds, 0)) > 0 ? 0 : 1;
 }
 
-int CNetClient::AcceptConnection() {
+int CNetClient::AcceptConnection(const char* onlyFrom) {
   if (socket_ != -1 && CloseConnected() != 0) return OnError(kNetFailed);
   if (listenSocket_ == -1) return OnError(kNetFailed);
   sockaddr_in peer{};
@@ -211,6 +211,10 @@ int CNetClient::AcceptConnection() {
     handle = accept4(listenSocket_, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
   } while (handle < 0 && errno == EINTR);
   if (handle < 0) return OnError(kNetFailed);
+  if (onlyFrom != nullptr && Dotted(peer.sin_addr) != onlyFrom) {
+    ::close(handle);
+    return OnError(kNetRequestDenied);
+  }
 
   socket_ = handle;
   ClearReadAhead();

@@ -64,8 +64,10 @@ class CNetClient : public CSecureSocketClient {
   // 0 when a connection is waiting to be accepted within `seconds`, else 1.
   virtual int WaitForAccept(int seconds);
   // Closes any connected socket, accepts the waiting connection as the
-  // connected socket and runs SocketOnConnected. 1 on failure.
-  virtual int AcceptConnection();
+  // connected socket and runs SocketOnConnected. 1 on failure. With
+  // `onlyFrom`, a connection from any other address is closed at once,
+  // unread, and gives 10.
+  virtual int AcceptConnection(const char* onlyFrom = nullptr);
 
   // Sends an open data source in 255-byte pieces; neither opens nor closes
   // it. 15, 22, 98.

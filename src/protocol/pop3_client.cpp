@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "protocol/command_text.h"
 #include "protocol/file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
@@ -19,7 +20,9 @@ constexpr int kAborted = kNetAborted;
 constexpr int kFileWriteError = 30;
 
 // The listing's end: a line that begins with "." and is at most ".\r\n".
-bool EndsListing(const char* line, int length) { return line[0] == '.' && length <= 3; }
+bool EndsListing(const char* line, int length) {
+  return line[0] == '.' && length <= 3;
+}
 
 }  // namespace
 
@@ -64,6 +67,9 @@ int Pop3Client::SocketOnConnected(int socket, const char* host) {
 
 int Pop3Client::POP3Connect(const char* host, const char* user, const char* password) {
   POP3Close();
+  if (!IsSafeCommandArgument(user) || !IsSafeCommandArgument(password)) {
+    return OnError(kNetInvalidParameter);
+  }
   int result = Connect(port_, host, connectTimeOut_, 2, 1);
   if (result != 0) return OnError(result);
   // After STLS the greeting has been read already.
@@ -212,7 +218,9 @@ int Pop3Client::ReadMsgLine(char* buffer, int max) {
   return ReadOpenLine(messageOpen_, messageDone_, buffer, max);
 }
 
-int Pop3Client::CloseMsg() { return CloseOpen(messageOpen_, messageDone_); }
+int Pop3Client::CloseMsg() {
+  return CloseOpen(messageOpen_, messageDone_);
+}
 
 int Pop3Client::OpenTop(int number, int lines) {
   char command[48];
@@ -229,7 +237,9 @@ int Pop3Client::ReadTopLine(char* buffer, int max) {
   return ReadOpenLine(topOpen_, topDone_, buffer, max);
 }
 
-int Pop3Client::CloseTop() { return CloseOpen(topOpen_, topDone_); }
+int Pop3Client::CloseTop() {
+  return CloseOpen(topOpen_, topDone_);
+}
 
 int Pop3Client::GetUIDL(int number) {
   uids_.clear();
@@ -277,8 +287,12 @@ int Pop3Client::DeleteMsg(int number) {
   return OnError(Command(command, kNetDeleFailed));
 }
 
-int Pop3Client::ResetDelete() { return OnError(Command("RSET\r\n", kNetRsetFailed)); }
+int Pop3Client::ResetDelete() {
+  return OnError(Command("RSET\r\n", kNetRsetFailed));
+}
 
-bool Pop3Client::RetrieveStatus(long) { return true; }
+bool Pop3Client::RetrieveStatus(long) {
+  return true;
+}
 
 }  // namespace corvane

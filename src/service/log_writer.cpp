@@ -1,15 +1,47 @@
 #include "service/log_writer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 namespace corvane {
 namespace {
 
+// A line longer than this is cut: a client or a server chooses most of what
+// is logged, and must not be able to fill the disk with one line.
+constexpr size_t kMaxLineBytes = 8192;
+
 std::tm LocalTime(std::time_t when) {
   std::tm parts{};
   localtime_r(&when, &parts);
   return parts;
+}
+
+// The formatted line with every control byte but TAB written as "\xHH": text
+// from outside (a command name, a server reply, a subject) can neither start
+// a forged line nor hide one. Only the caller's own final "\n" ends the line.
+std::string FormatLine(const char* format, va_list args) {
+  char buffer[kMaxLineBytes];
+  int length = std::vsnprintf(buffer, sizeof buffer, format, args);
+  if (length < 0) return {};
+  std::string_view text(buffer, std::min(static_cast<size_t>(length), sizeof buffer - 1));
+  bool cut = static_cast<size_t>(length) >= sizeof buffer;
+  bool ends = !cut && !text.empty() && text.back() == '\n';
+  if (ends) text.remove_suffix(1);
+  std::string line;
+  line.reserve(text.size() + 8);
+  for (unsigned char c : text) {
+    if ((c < 0x20 && c != '\t') || c == 0x7F) {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      line += escaped;
+    } else {
+      line += static_cast<char>(c);
+    }
+  }
+  if (cut) line += "...\n";
+  if (ends) line += '\n';
+  return line;
 }
 
 }  // namespace
@@ -66,7 +98,8 @@ int LogWriter::WriteV(int level, const char* format, va_list args) {
   char stamp[64];
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &parts);
   std::fprintf(file_.get(), level == kLogError ? "%s [Error] " : "%s ", stamp);
-  std::vfprintf(file_.get(), format, args);
+  std::string line = FormatLine(format, args);
+  std::fwrite(line.data(), 1, line.size(), file_.get());
   if (minLevel_ == kLogDebug) std::fflush(file_.get());
   return 0;
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 
 namespace corvane {
 
@@ -47,6 +48,24 @@ void EnsureDirectory(const std::string& path) {
     prefix += '/';
     position = path.find_first_not_of("/\\", end);
   }
+}
+
+std::string EscapeFileNamePart(std::string_view text, std::string_view alsoEscaped) {
+  if (text == ".") return "%2E";
+  if (text == "..") return "%2E%2E";
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (unsigned char c : text) {
+    if (c < 0x20 || c == 0x7F || c == '/' || c == '\\' || c == '%' ||
+        alsoEscaped.find(static_cast<char>(c)) != std::string_view::npos) {
+      char code[4];
+      std::snprintf(code, sizeof code, "%%%02X", c);
+      escaped += code;
+    } else {
+      escaped += static_cast<char>(c);
+    }
+  }
+  return escaped;
 }
 
 }  // namespace corvane

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace corvane {
 
@@ -28,5 +29,11 @@ std::string ExecutablePath();
 // path exists already; a directory that cannot be made is not reported (later
 // file operations in it fail on their own).
 void EnsureDirectory(const std::string& path);
+
+// `text` (a login, a host, a message id: outside text) made safe as part of
+// one file name: "/", "\", "%" and control bytes, and every byte of
+// `alsoEscaped`, written as "%XX", and "." and ".." with their dots escaped.
+// Different texts stay different.
+std::string EscapeFileNamePart(std::string_view text, std::string_view alsoEscaped = {});
 
 }  // namespace corvane

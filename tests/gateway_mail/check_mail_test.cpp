@@ -87,7 +87,8 @@ const std::vector<std::string> kNewMessageArguments = {
 
 TEST_F(CheckMailTest, OnlyTheUnknownMessageIsAnnouncedAndNeverTwice) {
   GatewayProcess gateway(Config());
-  std::string cache = gateway.dir() / ("cache/" + Key() + "/");
+  std::string cache =
+      gateway.dir() / ("cache/" + Key() + ":" + std::to_string(env_.Port("POP3_PORT")) + "/");
   std::filesystem::create_directories(cache);
   test::WriteFile(cache + "mail.list", "1700000001.M1P4242.mailhost,1700000002.M2P4242.mailhost");
   ASSERT_TRUE(gateway.Start());

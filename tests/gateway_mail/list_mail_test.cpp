@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 
 #include "gateway_mail/gateway_client.h"
 #include "pop3/pop3_server_env.h"
@@ -49,7 +50,8 @@ class ListMailTest : public ::testing::Test {
     return AskGateway(gateway_.port(), "--req Command=ListMail " + Mailbox(role) + " " + extra);
   }
   std::string CacheDirectory(const std::string& role) const {
-    return gateway_.dir() / ("cache/" + env_.Mailbox(role).user + "@127.0.0.1/");
+    return gateway_.dir() / ("cache/" + env_.Mailbox(role).user +
+                             "@127.0.0.1:" + std::to_string(env_.Port("POP3_PORT")) + "/");
   }
 
   test::Pop3ServerEnv env_{CORVANE_POP3_ENV_FILE};
@@ -222,6 +224,28 @@ TEST_F(ListMailTest, FailuresAnswerWithTheirTexts) {
       gateway_.port(), "--req Command=ListMail --req Pop3=127.0.0.1 --req Port=" +
                            std::to_string(test::FreePort()) + " --req Login=a --req Pwd=b");
   EXPECT_EQ(dead["Log"], "Connect pop3 server error");
+}
+
+TEST_F(ListMailTest, ATraversalLoginOrHostLeavesTheFileSystemUntouched) {
+  // Everything under the gateway's directory but its log: a refused login
+  // makes nothing, and a path a login names is never walked.
+  auto snapshot = [&] {
+    std::set<std::string> paths;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(gateway_.dir().path())) {
+      if (entry.path().parent_path().filename() != "log") paths.insert(entry.path());
+    }
+    return paths;
+  };
+  const std::set<std::string> before = snapshot();
+  const std::string port = std::to_string(env_.Port("POP3_PORT"));
+  for (const char* mailbox : {"--req Pop3=127.0.0.1 --req Login=x@/../../.. --req Pwd=pw",
+                              "--req Pop3=127.0.0.1 --req Login=../../.. --req Pwd=pw",
+                              "--req Pop3=h/../../.. --req Login=testuser --req Pwd=pw"}) {
+    GatewayAnswer answer = AskGateway(
+        gateway_.port(), "--req Command=ListMail --req Port=" + port + " " + std::string(mailbox));
+    EXPECT_EQ(answer["Log"], "Connect pop3 server error") << mailbox;
+  }
+  EXPECT_EQ(snapshot(), before);
 }
 
 }  // namespace

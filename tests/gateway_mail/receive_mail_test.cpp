@@ -59,7 +59,8 @@ class ReceiveMailTest : public ::testing::Test {
                                            " --param ID=" + id + " " + extra);
   }
   std::string CacheDirectory(const std::string& role) const {
-    return gateway_.dir() / ("cache/" + env_.Mailbox(role).user + "@127.0.0.1/");
+    return gateway_.dir() / ("cache/" + env_.Mailbox(role).user +
+                             "@127.0.0.1:" + std::to_string(env_.Port("POP3_PORT")) + "/");
   }
 
   test::Pop3ServerEnv env_{CORVANE_POP3_ENV_FILE};
@@ -197,8 +198,9 @@ TEST(ReceiveMailFtpTest, AttachmentsAddressedToFtpArriveOnTheConfiguredServer) {
   // The local copy, and the directory it was made in, are gone: only the
   // cached message and the known-id list are left.
   std::set<std::string> left;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(gateway.dir() / ("cache/" + small.user + "@127.0.0.1")))
+  for (const auto& entry : std::filesystem::directory_iterator(
+           gateway.dir() /
+           ("cache/" + small.user + "@127.0.0.1:" + std::to_string(pop3.Port("POP3_PORT")))))
     left.insert(entry.path().filename());
   EXPECT_EQ(left, (std::set<std::string>{std::string(kAgendaId) + ".txt", "mail.list"}));
   EXPECT_NE(gateway.LogText().find("Upload attachment file "), std::string::npos);

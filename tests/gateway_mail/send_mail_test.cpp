@@ -229,7 +229,8 @@ TEST_F(SendMailTest, ForwardCarriesTheAttachmentsAndLeavesTheCacheAsItWas) {
   ASSERT_FALSE(id.empty()) << "not delivered";
   ASSERT_EQ(Ask("--req Command=ListMail " + Mailbox("INBOX"))["Status"], "success");
   ASSERT_EQ(Receive("INBOX", id)["Status"], "success");
-  std::string cache = gateway_.dir() / ("cache/" + pop3_.Mailbox("INBOX").user + "@127.0.0.1/");
+  std::string cache = gateway_.dir() / ("cache/" + pop3_.Mailbox("INBOX").user + "@127.0.0.1:" +
+                                        std::to_string(pop3_.Port("POP3_PORT")) + "/");
   const std::string listCache = ReadFile(cache + "list.cache");
   const std::set<std::string> cacheFiles = FilesIn(cache);
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 
 #include "support/temp_dir.h"
 #include "transport/wx_record_file.h"
@@ -91,7 +92,7 @@ TEST_F(AccountRegistryTest, MissingProfileLoadsNothing) {
   EXPECT_EQ(registry->Count(), 0u);
 }
 
-TEST_F(AccountRegistryTest, AddMakesTheCacheDirectoryAndRefusesATakenKey) {
+TEST_F(AccountRegistryTest, AddPlacesTheCacheByServerAndPortAndRefusesATakenKey) {
   auto registry = NewRegistry();
   ASSERT_TRUE(registry->Add(MakeAccount("joe,pop.local,pw,110,139,1")));
   ASSERT_TRUE(registry->Add(MakeAccount("ann@example.com,pop.local,pw,995,138,0")));
@@ -100,14 +101,55 @@ TEST_F(AccountRegistryTest, AddMakesTheCacheDirectoryAndRefusesATakenKey) {
   auto joe = registry->Find("joe@pop.local");
   ASSERT_NE(joe, nullptr);
   EXPECT_EQ(joe->password, "pw");
-  EXPECT_EQ(joe->cacheDirectory, dir_.path() + "/cache/joe@pop.local/");
-  EXPECT_EQ(joe->mailListPath, dir_.path() + "/cache/joe@pop.local/mail.list");
-  EXPECT_TRUE(std::filesystem::is_directory(joe->cacheDirectory));
+  EXPECT_EQ(joe->cacheDirectory, dir_.path() + "/cache/joe@pop.local:110/");
+  EXPECT_EQ(joe->mailListPath, dir_.path() + "/cache/joe@pop.local:110/mail.list");
+  // Made only when a check has ids to keep.
+  EXPECT_FALSE(std::filesystem::exists(joe->cacheDirectory));
 
+  // A login with "@" keeps it as its key, but its cache is the server's too.
   auto ann = registry->Find("ann@example.com");
   ASSERT_NE(ann, nullptr);
-  EXPECT_EQ(ann->cacheDirectory, dir_.path() + "/cache/ann@example.com/");
+  EXPECT_EQ(ann->cacheDirectory, dir_.path() + "/cache/ann@example.com@pop.local:995/");
   EXPECT_EQ(registry->Find("ann@example.com@pop.local"), nullptr);
+
+  // A new port moves the known-id list along, so no old mail is new again.
+  std::filesystem::create_directories(joe->cacheDirectory);
+  test::WriteFile(joe->mailListPath, "a,b");
+  joe->port = 995;
+  registry->PlaceCache(*joe);
+  EXPECT_EQ(joe->mailListPath, dir_.path() + "/cache/joe@pop.local:995/mail.list");
+  EXPECT_EQ(test::ReadFile(joe->mailListPath), "a,b");
+  EXPECT_FALSE(std::filesystem::exists(dir_.path() + "/cache/joe@pop.local:110/mail.list"));
+}
+
+TEST(MailboxCacheDirectoryTest, EveryMailboxIsOneEntryOfCacheOfItsOwn) {
+  struct Case {
+    std::string login;
+    std::string host;
+    std::string name;  // the directory's name under cache/
+  };
+  const std::vector<Case> cases = {
+      {"joe", "pop.local", "joe@pop.local:110"},
+      {"x@/../../..", "pop.local", "x@%2F..%2F..%2F..@pop.local:110"},
+      {"joe", "h/../../..", "joe@h%2F..%2F..%2F..:110"},
+      {"..", "..", "%2E%2E@%2E%2E:110"},
+      {".", "pop.local", "%2E@pop.local:110"},
+      {"a\\..\\b", "pop.local", "a%5C..%5Cb@pop.local:110"},
+      {"%2e%2e", "pop.local", "%252e%252e@pop.local:110"},
+      {"joe\r\n", "pop\x01\x7F", "joe%0D%0A@pop%01%7F:110"},
+      // "@" in the host is escaped: these two are different mailboxes.
+      {"a@b", "c", "a@b@c:110"},
+      {"a", "b@c", "a@b%40c:110"},
+  };
+  std::set<std::string> names;
+  for (const Case& c : cases) {
+    std::string directory = MailboxCacheDirectory("/gw", c.login, c.host, 110);
+    EXPECT_EQ(directory, "/gw/cache/" + c.name + "/") << c.login << " at " << c.host;
+    names.insert(directory);
+  }
+  EXPECT_EQ(names.size(), cases.size());
+  EXPECT_NE(MailboxCacheDirectory("/gw", "joe", "pop.local", 995),
+            MailboxCacheDirectory("/gw", "joe", "pop.local", 110));
 }
 
 TEST_F(AccountRegistryTest, SaveAndLoadKeepInsertionOrder) {

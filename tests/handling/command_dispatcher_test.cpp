@@ -186,6 +186,17 @@ TEST_F(CommandDispatcherTest, UnknownActionAndMissingFields) {
   auto noParameters = Send(Request(
       {{"Command", "ConfigMail"}, {"Pop3", "p"}, {"Login", "l"}, {"Pwd", "w"}, {"Mobile", "m"}}));
   EXPECT_EQ(noParameters["Log"], "The parameter of request is not enough");
+  // A field that would start a row of its own in the profile file. (A NUL
+  // never arrives: the container cuts a value there.)
+  for (const char* name : {"Pop3", "Login", "Pwd", "Mobile"}) {
+    for (const char* hostile : {"x\r\nevil,pop.evil,pw,110,1,1", "x\nevil"}) {
+      Fields forged = joe_;
+      for (auto& field : forged) {
+        if (field.first == name) field.second = *field.second + hostile;
+      }
+      EXPECT_EQ(Config("append", forged)["Log"], "Error config parameter") << name;
+    }
+  }
   EXPECT_EQ(registry().Count(), 0u);
 }
 

@@ -80,6 +80,28 @@ TEST_F(UploadToFtpTest, DirectoryThatCannotBeMadeAbandonsTheUpload) {
   EXPECT_EQ(peer.Received().find("STOR"), std::string::npos);
 }
 
+TEST_F(UploadToFtpTest, NamesAndDirectoriesWithControlBytesAreRefusedBeforeConnecting) {
+  test::WriteFile(dir_ / "a.txt", "attachment\r\n");
+  struct Case {
+    std::string name;
+    std::optional<std::string> directory;
+  };
+  const std::vector<Case> cases = {
+      {std::string("a.txt\0\r\nDELE x", 14), std::nullopt},
+      {"a.txt\r\nDELE x", std::nullopt},
+      {"a.txt", std::string("/box\0/..", 8)},
+      {"a.txt", "/box\nRMD /"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.name) + " in " + testing::PrintToString(c.directory));
+    ScriptedPeer peer(Login(), 200);
+    EXPECT_EQ(
+        UploadToFtp("127.0.0.1", "up", "pw", dir_ / "a.txt", c.name, c.directory, peer.port()), -1);
+    peer.Finish();
+    EXPECT_EQ(peer.Connections(), 0);
+  }
+}
+
 TEST_F(UploadToFtpTest, UnreachableServerFails) {
   unsigned closedPort = 0;
   {

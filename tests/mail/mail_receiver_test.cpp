@@ -72,9 +72,12 @@ class MailReceiverTest : public ::testing::Test {
     return result;
   }
   // Every file of the mailbox's cache directory.
-  std::vector<std::string> CacheFiles() const {
+  std::string CacheDirectory(const ScriptedPeer& peer) const {
+    return dir_ / ("cache/joe@127.0.0.1:" + std::to_string(peer.port()));
+  }
+  std::vector<std::string> CacheFiles(const ScriptedPeer& peer) const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "cache/joe@127.0.0.1")) {
+    for (const auto& entry : std::filesystem::directory_iterator(CacheDirectory(peer))) {
       names.push_back(entry.path().filename());
     }
     return names;
@@ -95,19 +98,17 @@ TEST_F(MailReceiverTest, LargeMessagesGetLongerTimeOuts) {
       2048001, {Pause(1500), Send(Retrieved(kMessage)), Expect("QUIT\r\n"), Send("+OK\r\n")}));
   EXPECT_EQ(Receive(doubled, answer), 0);
   EXPECT_NE(answer.find(test::Entry(2, "Body", "body text\r\n")), std::string::npos) << answer;
-  EXPECT_EQ(CacheFiles(), std::vector<std::string>{"m1.txt"});
-  std::filesystem::remove(dir_ / "cache/joe@127.0.0.1/m1.txt");
+  EXPECT_EQ(CacheFiles(doubled), std::vector<std::string>{"m1.txt"});
 
   ScriptedPeer tripled(Session(
       3072001, {Pause(2500), Send(Retrieved(kMessage)), Expect("QUIT\r\n"), Send("+OK\r\n")}));
   EXPECT_EQ(Receive(tripled, answer), 0);
-  std::filesystem::remove(dir_ / "cache/joe@127.0.0.1/m1.txt");
 
   ScriptedPeer plain(Session(2048000, {Pause(1500), Send(Retrieved(kMessage))}));
   EXPECT_NE(Receive(plain, answer), 0);
   EXPECT_EQ(answer,
             test::Entry(2, "Status", "fail") + test::Entry(2, "Log", "Load pop3 message error"));
-  EXPECT_TRUE(CacheFiles().empty());
+  EXPECT_TRUE(CacheFiles(plain).empty());
 }
 
 TEST_F(MailReceiverTest, AConnectionLostMidTransferLeavesNoCacheFile) {
@@ -116,7 +117,7 @@ TEST_F(MailReceiverTest, AConnectionLostMidTransferLeavesNoCacheFile) {
   EXPECT_NE(Receive(peer, answer), 0);
   EXPECT_EQ(answer,
             test::Entry(2, "Status", "fail") + test::Entry(2, "Log", "Load pop3 message error"));
-  EXPECT_TRUE(CacheFiles().empty());
+  EXPECT_TRUE(CacheFiles(peer).empty());
 }
 
 TEST_F(MailReceiverTest, AMessageWithoutBodyGetsTheDefaultBody) {
@@ -132,21 +133,47 @@ TEST_F(MailReceiverTest, AMessageWithoutBodyGetsTheDefaultBody) {
                         test::Entry(2, "Body", "(no text)"));
 }
 
-TEST_F(MailReceiverTest, AnAttachmentNameCannotLeadOutOfTheTargetDirectory) {
-  std::string hostile =
-      "Subject: x\r\nContent-Type: multipart/mixed; boundary=\"x\"\r\n\r\n--x\r\n"
-      "Content-Type: text/plain\r\n\r\nhi\r\n--x\r\n"
-      "Content-Type: application/octet-stream; name=\"../../escape.bin\"\r\n"
-      "Content-Transfer-Encoding: base64\r\n\r\nAAEC\r\n--x--\r\n";
+TEST_F(MailReceiverTest, AttachmentNamesBecomeOneSafeFileNameEach) {
+  struct Case {
+    std::string nameParameter;  // as the message gives it
+    std::string fileName;
+  };
+  const std::vector<Case> cases = {
+      {"name=\"../../escape.bin\"", ".._.._escape.bin"},
+      {"name=\"..\\\\..\\\\escape.bin\"", ".._.._escape.bin"},
+      {"name=\"..\"", "_"},
+      {"name=\".\"", "_"},
+      {"name=\"=?utf-8?Q?a=0D=0ASTOR_x?=\"", "a  STOR x"},
+      {"name*=utf-8''b%0D%0ADELE%20y", "b  DELE y"},
+      {"name*=utf-8''c%00.txt", "c"},
+      {"name*=utf-8''%2E%2E", "_"},
+  };
+  std::string message = "Subject: x\r\nContent-Type: multipart/mixed; boundary=\"x\"\r\n\r\n";
+  for (const Case& c : cases) {
+    message += "--x\r\nContent-Type: application/octet-stream; " + c.nameParameter +
+               "\r\nContent-Transfer-Encoding: base64\r\n\r\nAAEC\r\n";
+  }
+  message += "--x--\r\n";
   test::TempDir target;
   std::filesystem::create_directories(target / "inner");
   std::string answer;
-  ScriptedPeer peer(Session(300, {Send(Retrieved(hostile)), Expect("QUIT\r\n"), Send("+OK\r\n")}));
+  ScriptedPeer peer(Session(300, {Send(Retrieved(message)), Expect("QUIT\r\n"), Send("+OK\r\n")}));
   ASSERT_EQ(Receive(peer, answer, std::nullopt, {{"Attachment", target / "inner"}}), 0);
-  EXPECT_EQ(test::ReadFile(target / "inner/.._.._escape.bin"), std::string("\0\1\2", 3));
-  EXPECT_FALSE(
-      std::filesystem::exists(std::filesystem::path(target.path()).parent_path() / "escape.bin"));
-  EXPECT_NE(answer.find(test::Entry(3, "Attachment0", ".._.._escape.bin,3")), std::string::npos);
+  for (size_t k = 0; k < cases.size(); ++k) {
+    EXPECT_NE(
+        answer.find(test::Entry(3, "Attachment" + std::to_string(k), cases[k].fileName + ",3")),
+        std::string::npos)
+        << cases[k].nameParameter << "\n"
+        << answer;
+    EXPECT_TRUE(std::filesystem::exists(target / ("inner/" + cases[k].fileName)))
+        << cases[k].fileName;
+  }
+  // Nothing lands anywhere but in the target directory itself.
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(target.path())) {
+    if (entry.is_regular_file()) {
+      EXPECT_EQ(entry.path().parent_path(), target / "inner");
+    }
+  }
 }
 
 }  // namespace

@@ -34,27 +34,57 @@ int Connect(FtpClient& client, ScriptedPeer& peer) {
   return client.FtpConnect("127.0.0.1", "up", "secret", "acct");
 }
 
+// A connection to the client's data port from the loopback address `from`,
+// or -1.
+int ConnectToDataPort(int port, const char* from) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in source{};
+  source.sin_family = AF_INET;
+  inet_pton(AF_INET, from, &source.sin_addr);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&source), sizeof source) != 0 ||
+      connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  timeval wait{5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  return fd;
+}
+
+// Everything that arrives until the other side closes (or 5 s of silence).
+std::string ReadUntilClosed(int fd) {
+  std::string received;
+  char chunk[4096];
+  ssize_t n;
+  while ((n = recv(fd, chunk, sizeof chunk, 0)) > 0) received.append(chunk, static_cast<size_t>(n));
+  close(fd);
+  return received;
+}
+
 // A step that connects to the client's data port, as a server does after
-// STOR, and reads what arrives until the client closes it.
-Step ReceiveOnDataPort(int port, std::string& received) {
-  return test::Do([port, &received](test::PeerSession&, std::string& error) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+// STOR, and reads what arrives until the client closes it. With `intruded`,
+// someone at another address (127.0.0.2) connects first; what it got lands
+// there.
+Step ReceiveOnDataPort(int port, std::string& received, std::string* intruded = nullptr) {
+  return test::Do([port, &received, intruded](test::PeerSession&, std::string& error) {
+    if (intruded != nullptr) {
+      int other = ConnectToDataPort(port, "127.0.0.2");
+      if (other < 0) {
+        error = "the intruder cannot connect to the data port";
+        return false;
+      }
+      *intruded = ReadUntilClosed(other);
+    }
+    int fd = ConnectToDataPort(port, "127.0.0.1");
+    if (fd < 0) {
       error = "cannot connect to the data port " + std::to_string(port);
-      close(fd);
       return false;
     }
-    timeval wait{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    char chunk[4096];
-    ssize_t n;
-    while ((n = recv(fd, chunk, sizeof chunk, 0)) > 0)
-      received.append(chunk, static_cast<size_t>(n));
-    close(fd);
+    received = ReadUntilClosed(fd);
     return true;
   });
 }
@@ -176,6 +206,59 @@ TEST(FtpStoreTest, RefusalsOfPortAndStorAndTheWrapOfTheDataPort) {
   EXPECT_EQ(client.DataPort(), 10000);  // past 32000 the offer starts again at 10000
   EXPECT_EQ(client.StoreFromDataSource(source, "x"), 51);
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST(FtpStoreTest, OnlyTheServerItselfMayConnectToTheDataPort) {
+  std::string received;
+  std::string intruded = "not connected";
+  const int offered = 20000 + getpid() % 5000;
+  const std::string port =
+      "127,0,0,1," + std::to_string(offered / 256) + "," + std::to_string(offered % 256);
+  ScriptedPeer peer(Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()),
+                         {Expect("PORT " + port + "\r\n"), Send("200 ok\r\n"),
+                          Expect("STOR note.txt\r\n"), Send("150 go ahead\r\n"),
+                          ReceiveOnDataPort(offered, received, &intruded), Send("226 done\r\n")}));
+  FtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  client.SetDataPort(offered);
+  BufferDataSource source(6, "note");
+  source.Open(DataSource::kOpenWrite);
+  source.Write("secret", 6);
+  source.Close();
+  EXPECT_EQ(client.StoreFromDataSource(source, "note.txt"), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_EQ(intruded, "");  // closed unread
+  EXPECT_EQ(received, "secret");
+}
+
+TEST(FtpCommandTextTest, ArgumentsWithLineBreaksAreRefusedUnsent) {
+  const std::vector<std::string> hostile = {"x\r\nDELE important", "x\rDELE important",
+                                            "x\nDELE important", "\r\n", std::string(300, '\n')};
+  unsigned closedPort = 0;
+  {
+    ScriptedPeer gone({});
+    closedPort = gone.port();
+  }
+  for (const std::string& value : hostile) {
+    SCOPED_TRACE(testing::PrintToString(value));
+    // A refused login does not even connect (to a port nobody listens on).
+    FtpClient refused;
+    refused.SetServerPort(closedPort);
+    EXPECT_EQ(refused.FtpConnect("127.0.0.1", value.c_str(), "pw", ""), 106);
+    EXPECT_EQ(refused.FtpConnect("127.0.0.1", "up", value.c_str(), ""), 106);
+
+    // After a login, a refused directory or name sends nothing but the Quit.
+    ScriptedPeer peer(
+        Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()), {Expect("Quit\r\n")}));
+    FtpClient client;
+    ASSERT_EQ(Connect(client, peer), 0);
+    EXPECT_EQ(client.ChangeDir(value.c_str()), 106);
+    EXPECT_EQ(client.MakeDir(value.c_str()), 106);
+    BufferDataSource source(1, "x");
+    EXPECT_EQ(client.StoreFromDataSource(source, value.c_str()), 106);
+    client.FtpClose();
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
 }
 
 TEST(FtpCloseTest, QuitIsSentAndTheConnectionClosedWithoutAnAnswer) {

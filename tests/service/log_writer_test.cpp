@@ -56,6 +56,29 @@ TEST_F(LogWriterTest, LinesCarryTheTimeAndErrorMarker) {
             "2010-01-28 10:15:00 no line end");
 }
 
+TEST_F(LogWriterTest, TextFromOutsideCannotStartOrHideALine) {
+  struct Case {
+    std::string value;
+    std::string logged;
+  };
+  const std::vector<Case> cases = {
+      {"Lst\r\n2010-01-28 10:15:00 forged", "Lst\\x0D\\x0A2010-01-28 10:15:00 forged"},
+      {"a\rb", "a\\x0Db"},
+      {"a\nb\n", "a\\x0Ab\\x0A"},
+      {"bell\a del\x7F esc\x1B[2J", "bell\\x07 del\\x7F esc\\x1B[2J"},
+      {"tab\tkept", "tab\tkept"},
+      {std::string(20000, 'x'), std::string(8192 - 1 - 16, 'x') + "..."},
+  };
+  auto log = Make(kLogDebug);
+  std::string expected;
+  for (const Case& c : cases) {
+    log->Write(kLogInfo, "Unknow command: %s\n", c.value.c_str());
+    expected += "2010-01-28 10:15:00 Unknow command: " + c.logged + "\n";
+  }
+  log.reset();
+  EXPECT_EQ(FileOf("2010-01-28"), expected);
+}
+
 TEST_F(LogWriterTest, LinesBelowTheMinimumLevelAreDropped) {
   auto log = Make(kLogWarning);
   log->Write(kLogDebug, "debug\n");
