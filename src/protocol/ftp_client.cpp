@@ -23,10 +23,16 @@ FtpClient::FtpClient() : dataPort_(static_cast<int>(MonotonicMs() % 20000) + kFi
 
 FtpClient::~FtpClient() = default;
 
-int FtpClient::SendCommand(const char* format, const char* argument) {
+std::optional<std::string> FtpClient::CommandLine(const char* format, const char* argument) {
+  if (argument != nullptr && !IsSafeCommandArgument(argument)) return std::nullopt;
   char command[kMaxLine] = {};
-  std::snprintf(command, sizeof command, format, argument ? argument : "");
-  return Send(command, static_cast<int>(std::strlen(command)));
+  int length = std::snprintf(command, sizeof command, format, argument ? argument : "");
+  if (length < 0 || length >= static_cast<int>(sizeof command)) return std::nullopt;
+  return std::string(command, static_cast<size_t>(length));
+}
+
+int FtpClient::SendLine(const std::string& line) {
+  return Send(line.data(), static_cast<int>(line.size()));
 }
 
 int FtpClient::GetReplyCode() {
@@ -55,27 +61,26 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
                           const char* account) {
   FtpClose();
   replyLines_.clear();
-  for (const char* argument : {user, password, account}) {
-    if (argument != nullptr && !IsSafeCommandArgument(argument)) {
-      return OnError(kNetInvalidParameter);
-    }
-  }
+  std::optional<std::string> userLine = CommandLine("USER %s\r\n", user);
+  std::optional<std::string> passLine = CommandLine("PASS %s\r\n", password);
+  std::optional<std::string> acctLine = CommandLine("ACCT %s\r\n", account);
+  if (!userLine || !passLine || !acctLine) return OnError(kNetInvalidParameter);
   int result = Connect(serverPort_, host, connectTimeOut_);
   if (result != kNetOk) return OnError(result);
   connected_ = true;
 
   // The greeting is not read on its own: it is the first reply after USER.
-  SendCommand("USER %s\r\n", user);
+  SendLine(*userLine);
   int code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
   if (!Between(code, 200, 399)) return OnError(kNetUserRejected);
   if (Between(code, 300, 399)) {
-    SendCommand("PASS %s\r\n", password);
+    SendLine(*passLine);
     code = GetReplyCode();
     if (code == 0) return OnError(kNetNoResponse);
     if (!Between(code, 200, 399)) return OnError(kNetPassRejected);
     if (Between(code, 300, 399)) {
-      SendCommand("ACCT %s\r\n", account);
+      SendLine(*acctLine);
       code = GetReplyCode();
       if (code == 0) return OnError(kNetNoResponse);
       if (!Between(code, 200, 399)) return OnError(kNetAcctRejected);
@@ -88,10 +93,9 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
 }
 
 int FtpClient::SimpleCommand(const char* format, const char* argument) {
-  if (argument != nullptr && !IsSafeCommandArgument(argument)) {
-    return OnError(kNetInvalidParameter);
-  }
-  SendCommand(format, argument);
+  std::optional<std::string> line = CommandLine(format, argument);
+  if (!line) return OnError(kNetInvalidParameter);
+  SendLine(*line);
   int code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
   return OnError(Between(code, 200, 299) ? kNetOk : kNetRequestDenied);
@@ -145,9 +149,8 @@ int FtpClient::AcceptServerDataConnection(int seconds) {
 }
 
 int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
-  if (remoteName == nullptr || !IsSafeCommandArgument(remoteName)) {
-    return OnError(kNetInvalidParameter);
-  }
+  std::optional<std::string> storLine = CommandLine("STOR %s\r\n", remoteName);
+  if (remoteName == nullptr || !storLine) return OnError(kNetInvalidParameter);
   int result = OpenDataPort();
   if (result != kNetOk) return OnError(result);
 
@@ -167,7 +170,7 @@ int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
     dataConnection_.CloseConnection();
     return OnError(kNetAborted);
   }
-  SendCommand("STOR %s\r\n", remoteName);
+  SendLine(*storLine);
   if (!Between(GetReplyCode(), 100, 299)) {
     dataConnection_.CloseConnection();
     return OnError(kNetStorFailed);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,8 @@ namespace corvane {
 // Puts files on an FTP server: log in (USER, PASS, ACCT as the server asks),
 // change or make a directory, store a file over an active (PORT) data
 // connection, quit. Every operation returns a result code (0 success); an
-// argument holding CR, LF or NUL is refused (kNetInvalidParameter) unsent.
+// argument holding CR, LF or NUL, or too long for a command line, is refused
+// (kNetInvalidParameter) unsent.
 class FtpClient : public CNetClient {
  public:
   static constexpr int kMaxLine = 261;
@@ -46,7 +48,11 @@ class FtpClient : public CNetClient {
   const std::vector<std::string>& ReplyLines() const { return replyLines_; }
 
  private:
-  int SendCommand(const char* format, const char* argument = nullptr);
+  // The command line of `format` with `argument`, or none when the argument
+  // holds CR, LF or NUL or the line would not fit kMaxLine (cut, it would
+  // lose its CR LF and run into the next command).
+  static std::optional<std::string> CommandLine(const char* format, const char* argument);
+  int SendLine(const std::string& line);
   // Sends a command and maps its reply: 38 none, 0 for 200..299, else 10.
   int SimpleCommand(const char* format, const char* argument);
   int OpenDataPort();

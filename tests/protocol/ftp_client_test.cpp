@@ -231,9 +231,10 @@ TEST(FtpStoreTest, OnlyTheServerItselfMayConnectToTheDataPort) {
   EXPECT_EQ(received, "secret");
 }
 
-TEST(FtpCommandTextTest, ArgumentsWithLineBreaksAreRefusedUnsent) {
-  const std::vector<std::string> hostile = {"x\r\nDELE important", "x\rDELE important",
-                                            "x\nDELE important", "\r\n", std::string(300, '\n')};
+TEST(FtpCommandTextTest, ArgumentsThatWouldNotStayOneLineAreRefusedUnsent) {
+  const std::vector<std::string> hostile = {"x\r\nDELE important",  "x\rDELE important",
+                                            "x\nDELE important",    "\r\n",
+                                            std::string(300, '\n'), std::string(300, 'a')};
   unsigned closedPort = 0;
   {
     ScriptedPeer gone({});
