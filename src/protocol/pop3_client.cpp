@@ -20,8 +20,13 @@ constexpr int kAborted = kNetAborted;
 constexpr int kFileWriteError = 30;
 
 // The listing's end: a line that begins with "." and is at most ".\r\n".
+// The terminating line of a multi-line reply: "." and its line end.
 bool EndsListing(const char* line, int length) {
-  return line[0] == '.' && length <= 3;
+  return line[0] == '.' && length <= 3 && line[length - 1] == '\n';
+}
+
+bool EndsInLineFeed(const char* piece, int length) {
+  return length > 0 && piece[length - 1] == '\n';
 }
 
 }  // namespace
@@ -43,7 +48,38 @@ int Pop3Client::SetPOP3TimeOut(int seconds) {
 
 bool Pop3Client::ReadReply(int room) {
   response_[0] = '\0';
-  return ReceiveLine(response_, room, responseTimeOut_) >= 1;
+  int length = ReceiveLine(response_, room, responseTimeOut_);
+  if (length < 1) return false;
+  // The rest of an overlong status line is not the listing's first line.
+  bool whole = EndsInLineFeed(response_, length);
+  char rest[kResponseSize];
+  while (!whole) {
+    if (IsAborted()) return false;
+    int more = ReceiveLine(rest, sizeof rest, responseTimeOut_);
+    if (more < 1) return false;
+    whole = EndsInLineFeed(rest, more);
+  }
+  lineStart_ = true;
+  return true;
+}
+
+int Pop3Client::ReadListingPiece(char* buffer, int max, int timeoutSeconds, bool& ended,
+                                 bool unstuff) {
+  ended = false;
+  const bool starts = lineStart_;
+  int length = ReceiveLine(buffer, max, timeoutSeconds);
+  if (length < 1) return length;
+  lineStart_ = EndsInLineFeed(buffer, length);
+  // Only the start of a line may end the reply or carry a stuffed dot: a
+  // piece after one without its LF is the middle of a long line.
+  if (!starts || buffer[0] != '.') return length;
+  if (EndsListing(buffer, length)) {
+    ended = true;
+    return 0;
+  }
+  if (!unstuff) return length;
+  std::memmove(buffer, buffer + 1, static_cast<size_t>(length));  // the terminator too
+  return length - 1;
 }
 
 int Pop3Client::SendCommand(const char* command) {
@@ -148,21 +184,19 @@ int Pop3Client::RetrieveToDataSource(int number, DataSource& dest) {
   bool writeFailed = false;
   int result = kAborted;
   while (!IsAborted()) {
-    int length = ReceiveLine(line, sizeof line, responseTimeOut_);
+    bool ended = false;
+    int length = ReadListingPiece(line, sizeof line, responseTimeOut_, ended);
+    if (ended) {
+      result = kNetOk;
+      break;
+    }
     if (length < 1) {
       result = kNetTimeout;
       break;
     }
     total += length;
     if (!RetrieveStatus(total)) break;
-    if (line[0] == '.' && length == 3) {
-      result = kNetOk;
-      break;
-    }
-    // Dot-unstuffing, also of a continuation piece of an overlong line.
-    const char* data = line[0] == '.' ? line + 1 : line;
-    int size = line[0] == '.' ? length - 1 : length;
-    if (dest.Write(data, size) != size) writeFailed = true;
+    if (dest.Write(line, length) != length) writeFailed = true;
   }
   dest.Close();
   // A message that did not reach the destination whole is no message.
@@ -189,12 +223,8 @@ int Pop3Client::OpenMsg(int number) {
 int Pop3Client::ReadOpenLine(bool open, bool& done, char* buffer, int max) {
   if (!open) return -1;
   if (done) return 0;
-  int length = ReceiveLine(buffer, max, 0);
-  if (length > 0 && EndsListing(buffer, length)) {
-    done = true;
-    return 0;
-  }
-  return length;
+  int length = ReadListingPiece(buffer, max, 0, done, false);
+  return done ? 0 : length;
 }
 
 int Pop3Client::CloseOpen(bool& open, bool& done) {
@@ -207,8 +237,8 @@ int Pop3Client::CloseOpen(bool& open, bool& done) {
       result = kAborted;
       break;
     }
-    int length = ReceiveLine(line, sizeof line, responseTimeOut_);
-    if (length < 1 || EndsListing(line, length)) break;
+    int length = ReadListingPiece(line, sizeof line, responseTimeOut_, done);
+    if (length < 1) break;
   }
   open = done = false;
   return OnError(result);
@@ -263,9 +293,12 @@ int Pop3Client::GetUIDL(int number) {
   char line[kResponseSize];
   for (;;) {
     if (IsAborted()) return OnError(kAborted);
-    int length = ReceiveLine(line, sizeof line, responseTimeOut_);
+    const bool starts = lineStart_;
+    bool ended = false;
+    int length = ReadListingPiece(line, sizeof line, responseTimeOut_, ended);
+    if (ended) return OnError(kNetOk);
     if (length < 1) return OnError(kNetTimeout);
-    if (EndsListing(line, length)) return OnError(kNetOk);
+    if (!starts) continue;  // the rest of an overlong line
     std::string messageNumber = ReplyField(line, kSeparators, 0);
     std::string uid = ReplyField(line, kSeparators, 1);
     if (messageNumber.empty() || uid.empty()) return OnError(kNetInvalidResponse);

@@ -65,6 +65,11 @@ class Pop3Client : public CNetClient {
   // Sends a command and reads its reply: 6 not connected, 12 no reply,
   // `negativeCode` for a negative reply, else 0.
   int Command(const char* text, int negativeCode);
+  // One piece of a multi-line reply (a line, or part of an overlong one)
+  // into `buffer`, with `unstuff` a stuffed dot at a line's start removed:
+  // its length; 0 with `ended` set at the terminating "." line; below 1 when
+  // nothing came.
+  int ReadListingPiece(char* buffer, int max, int timeoutSeconds, bool& ended, bool unstuff = true);
   // Line-by-line reading of a RETR or TOP stream, on that stream's flags.
   int ReadOpenLine(bool open, bool& done, char* buffer, int max);
   int CloseOpen(bool& open, bool& done);
@@ -77,6 +82,7 @@ class Pop3Client : public CNetClient {
   bool topOpen_ = false, topDone_ = false;
   std::vector<UidEntry> uids_;
   bool greetingRead_ = false;  // by the STLS upgrade
+  bool lineStart_ = true;      // the next piece of a listing begins a line
 };
 
 }  // namespace corvane

@@ -60,12 +60,11 @@ TEST_F(Pop3ClientTest, LoginRepliesGiveTheirOwnCodes) {
 }
 
 TEST_F(Pop3ClientTest, CountSizeAndTheirMalformedReplies) {
-  ScriptedPeer peer(Login({Expect("STAT\r\n"), Send("+OK 7 123456\r\n"),
-                           Expect("LIST 3\r\n"), Send("+OK 3 2048\r\n"),
-                           Expect("LIST 4\r\n"), Send("+OK (4) (99)\r\n"),
-                           Expect("STAT\r\n"), Send("+OK\r\n"),
-                           Expect("LIST 9\r\n"), Send("-ERR no such message\r\n"),
-                           Expect("STAT\r\n"), Send("-ERR\r\n")}));
+  ScriptedPeer peer(
+      Login({Expect("STAT\r\n"), Send("+OK 7 123456\r\n"), Expect("LIST 3\r\n"),
+             Send("+OK 3 2048\r\n"), Expect("LIST 4\r\n"), Send("+OK (4) (99)\r\n"),
+             Expect("STAT\r\n"), Send("+OK\r\n"), Expect("LIST 9\r\n"),
+             Send("-ERR no such message\r\n"), Expect("STAT\r\n"), Send("-ERR\r\n")}));
   ASSERT_EQ(Connect(peer), 0);
   int count = 0;
   long size = 0;
@@ -82,13 +81,12 @@ TEST_F(Pop3ClientTest, CountSizeAndTheirMalformedReplies) {
 }
 
 TEST_F(Pop3ClientTest, RetrieveUnstuffsDotsAndEndsAtTheLoneDot) {
-  ScriptedPeer peer(Login({Expect("RETR 1\r\n"),
-                           Send("+OK 40 octets\r\n"
-                                "Subject: dots\r\n"
-                                "\r\n"
-                                "..\r\n"
-                                "..leading\r\n"
-                                ".\r\n")}));
+  ScriptedPeer peer(Login({Expect("RETR 1\r\n"), Send("+OK 40 octets\r\n"
+                                                      "Subject: dots\r\n"
+                                                      "\r\n"
+                                                      "..\r\n"
+                                                      "..leading\r\n"
+                                                      ".\r\n")}));
   ASSERT_EQ(Connect(peer), 0);
   BufferDataSource message(4096, "message");
   EXPECT_EQ(client_.RetrieveToDataSource(1, message), 0);
@@ -104,7 +102,8 @@ TEST_F(Pop3ClientTest, RetrieveFailures) {
   }
   {
     // The stream stops before its end: a line fails to arrive.
-    ScriptedPeer peer(Login({Expect("RETR 1\r\n"), Send("+OK\r\nline one\r\n"), test::Pause(3000)}));
+    ScriptedPeer peer(
+        Login({Expect("RETR 1\r\n"), Send("+OK\r\nline one\r\n"), test::Pause(3000)}));
     ASSERT_EQ(Connect(peer), 0);
     BufferDataSource message(64, "m");
     EXPECT_EQ(client_.RetrieveToDataSource(1, message), 20);
@@ -118,16 +117,35 @@ TEST_F(Pop3ClientTest, RetrieveFailures) {
   }
 }
 
-TEST_F(Pop3ClientTest, OverlongLineComesInPiecesAndAContinuationLosesItsDot) {
-  std::string longLine(1500, 'x');
-  longLine[1023] = '.';  // starts the second piece (room 1023)
-  ScriptedPeer peer(Login({Expect("RETR 1\r\n"), Send("+OK\r\n" + longLine + "\r\n.\r\n")}));
+TEST_F(Pop3ClientTest, OnlyALineStartEndsAListingOrLosesADot) {
+  // Pieces hold 1023 bytes: the second piece of each long line starts with
+  // a dot, and one of them is a whole "." line end.
+  const std::string dotAfter1023 = std::string(1023, 'x') + ".tail\r\n";
+  const std::string endAfter1023 = std::string(1023, 'y') + ".\r\n";
+  const std::string overlongStatus = "+OK " + std::string(1500, 's') + "\r\n";
+  ScriptedPeer peer(Login(
+      {Expect("RETR 1\r\n"), Send("+OK\r\n" + dotAfter1023 + endAfter1023 + "..\r\nlast\r\n.\r\n"),
+       Expect("TOP 1 0\r\n"), Send(overlongStatus + endAfter1023 + "Subject: s\r\n.\r\n"),
+       Expect("UIDL\r\n"), Send("+OK\r\n1 " + std::string(1021, 'u') + "\r\n2 two\r\n.\r\n"),
+       Expect("UIDL\r\n"), Send("+OK\r\n1 " + std::string(1021, 'u') + "2 forged\r\n.\r\n")}));
   ASSERT_EQ(Connect(peer), 0);
-  BufferDataSource message(4096, "m");
+  BufferDataSource message(8192, "m");
   EXPECT_EQ(client_.RetrieveToDataSource(1, message), 0);
-  std::string expected = longLine;
-  expected.erase(1023, 1);
-  EXPECT_EQ(std::string(message.Data()), expected + "\r\n");
+  EXPECT_EQ(std::string(message.Data()), dotAfter1023 + endAfter1023 + ".\r\nlast\r\n");
+
+  ASSERT_EQ(client_.OpenTop(1, 0), 0);
+  std::string header;
+  char piece[1024];
+  while (client_.ReadTopLine(piece, sizeof piece) > 0) header += piece;
+  EXPECT_EQ(header, endAfter1023 + "Subject: s\r\n");  // the status line's rest is not in it
+
+  EXPECT_EQ(client_.GetUIDL(0), 0);
+  ASSERT_EQ(client_.UidList().size(), 2u);
+  EXPECT_STREQ(client_.GetUID(2), "two");
+  EXPECT_EQ(client_.GetUIDL(0), 0);
+  EXPECT_EQ(client_.UidList().size(), 1u);  // "2 forged" was the rest of line 1
+  EXPECT_EQ(client_.GetUID(2), nullptr);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
 }
 
 class AbortingClient : public Pop3Client {
@@ -140,8 +158,8 @@ class AbortingClient : public Pop3Client {
 };
 
 TEST(Pop3ClientAbortTest, ProgressHookStopsARetrieve) {
-  ScriptedPeer peer(Login({Expect("RETR 1\r\n"),
-                           Send("+OK\r\n0123456789\r\n0123456789\r\n0123456789\r\n.\r\n")}));
+  ScriptedPeer peer(Login(
+      {Expect("RETR 1\r\n"), Send("+OK\r\n0123456789\r\n0123456789\r\n0123456789\r\n.\r\n")}));
   AbortingClient client;
   client.SetPort(peer.port());
   ASSERT_EQ(client.POP3Connect("127.0.0.1", "joe", "pw"), 0);
@@ -152,11 +170,9 @@ TEST(Pop3ClientAbortTest, ProgressHookStopsARetrieve) {
 
 TEST_F(Pop3ClientTest, UniqueIdsOneAndAll) {
   std::string longId(80, 'u');
-  ScriptedPeer peer(Login({Expect("UIDL\r\n"),
-                           Send("+OK\r\n1 aaa\r\n2 " + longId + "\r\n.\r\n"),
-                           Expect("UIDL 2\r\n"), Send("+OK 2 bbb\r\n"),
-                           Expect("UIDL 5\r\n"), Send("+OK 5\r\n"),
-                           Expect("UIDL\r\n"), Send("-ERR\r\n"),
+  ScriptedPeer peer(Login({Expect("UIDL\r\n"), Send("+OK\r\n1 aaa\r\n2 " + longId + "\r\n.\r\n"),
+                           Expect("UIDL 2\r\n"), Send("+OK 2 bbb\r\n"), Expect("UIDL 5\r\n"),
+                           Send("+OK 5\r\n"), Expect("UIDL\r\n"), Send("-ERR\r\n"),
                            Expect("UIDL\r\n"), Send("+OK\r\n1 x\r\n7 \r\n8 z\r\n.\r\n")}));
   ASSERT_EQ(Connect(peer), 0);
   EXPECT_EQ(client_.GetUIDL(-1), 0);
@@ -179,13 +195,11 @@ TEST_F(Pop3ClientTest, UniqueIdsOneAndAll) {
 }
 
 TEST_F(Pop3ClientTest, TopAndMessageLineByLine) {
-  ScriptedPeer peer(Login({Expect("TOP 3 0\r\n"), Send("+OK\r\nFrom: a\r\n..x\r\n\r\n.\r\n"),
-                           Expect("RETR 3\r\n"), Send("+OK\r\nbody 1\r\nbody 2\r\n.\r\n"),
-                           Expect("TOP 4 0\r\n"), Send("-ERR\r\n"),
-                           Expect("DELE 3\r\n"), Send("+OK\r\n"),
-                           Expect("DELE 3\r\n"), Send("-ERR already\r\n"),
-                           Expect("RSET\r\n"), Send("+OK\r\n"),
-                           Expect("RSET\r\n"), Send("-ERR\r\n")}));
+  ScriptedPeer peer(Login(
+      {Expect("TOP 3 0\r\n"), Send("+OK\r\nFrom: a\r\n..x\r\n\r\n.\r\n"), Expect("RETR 3\r\n"),
+       Send("+OK\r\nbody 1\r\nbody 2\r\n.\r\n"), Expect("TOP 4 0\r\n"), Send("-ERR\r\n"),
+       Expect("DELE 3\r\n"), Send("+OK\r\n"), Expect("DELE 3\r\n"), Send("-ERR already\r\n"),
+       Expect("RSET\r\n"), Send("+OK\r\n"), Expect("RSET\r\n"), Send("-ERR\r\n")}));
   ASSERT_EQ(Connect(peer), 0);
   char line[256];
   EXPECT_EQ(client_.ReadTopLine(line, sizeof line), -1);  // nothing open
@@ -242,9 +256,9 @@ TEST_F(Pop3ClientTest, TimeOutSetting) {
 }
 
 TEST_F(Pop3ClientTest, ReconnectEndsThePreviousSessionWithQuit) {
-  ScriptedPeer peer(Login({Expect("QUIT\r\n"), Send("+OK\r\n"), test::ExpectClose(),
-                           test::Accept(), Send("+OK again\r\n"), Expect("USER joe\r\n"),
-                           Send("+OK\r\n"), Expect("PASS pw\r\n"), Send("+OK\r\n")}));
+  ScriptedPeer peer(Login({Expect("QUIT\r\n"), Send("+OK\r\n"), test::ExpectClose(), test::Accept(),
+                           Send("+OK again\r\n"), Expect("USER joe\r\n"), Send("+OK\r\n"),
+                           Expect("PASS pw\r\n"), Send("+OK\r\n")}));
   ASSERT_EQ(Connect(peer), 0);
   EXPECT_EQ(client_.POP3Connect("127.0.0.1", "joe", "pw"), 0);
   EXPECT_EQ(peer.Connections(), 2);
