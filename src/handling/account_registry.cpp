@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "service/process_log.h"
 #include "service/program_paths.h"
@@ -13,6 +15,16 @@
 
 namespace corvane {
 namespace {
+
+// Makes the renames in the profile's directory durable.
+void SyncDirectoryOf(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return;
+  fsync(fd);
+  close(fd);
+}
 
 bool Exists(const std::string& path) {
   struct stat info;
@@ -134,11 +146,9 @@ size_t AccountRegistry::Count() const {
 bool AccountRegistry::WriteProfile(const std::string& path) const {
   // The profile holds passwords: only the gateway's user may read it.
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (fd < 0) return false;
-  close(fd);
+  if (fd < 0 || close(fd) != 0) return false;
   wxRecordFile file(path);
   file.SetEncipher(true);
-  bool written = true;
   for (const std::string& key : insertionOrder_) {
     const Account& account = *FindLocked(key)->account;
     std::string line;
@@ -146,31 +156,47 @@ bool AccountRegistry::WriteProfile(const std::string& path) const {
       std::lock_guard accountGuard(account.lock);
       line = account.FormatLine();
     }
-    written = file.AppendRecord(line) && written;
+    if (!file.AppendRecord(line)) return false;
   }
   // The new profile must be on disk before it replaces the old one.
   fd = open(path.c_str(), O_RDONLY);
-  if (fd >= 0) {
-    written = fsync(fd) == 0 && written;
-    close(fd);
-  }
-  return written;
+  if (fd < 0) return false;
+  const bool synced = fsync(fd) == 0;
+  return close(fd) == 0 && synced;
 }
 
 int AccountRegistry::Save() {
   const std::string backup = accountFile_ + ".bak";
   const std::string fresh = accountFile_ + ".new";
+  const std::string nextBackup = backup + ".new";
   std::lock_guard guard(lock_);
-  // Write the new profile completely beside the old one first; the old one
-  // stays in place (and is linked as the backup) until the rename swaps them.
-  if (!insertionOrder_.empty()) WriteProfile(fresh);
-  std::remove(backup.c_str());
-  if (Exists(accountFile_)) link(accountFile_.c_str(), backup.c_str());
+  // Every step is checked, and until the new profile has replaced the old
+  // one nothing but scratch files is touched: a full disk or a failing
+  // rename leaves account.dat and its backup as they were.
+  std::remove(nextBackup.c_str());
+  auto fail = [&] {
+    WriteLog(kLogError, "Save account file %s error: %s\n", accountFile_.c_str(),
+             std::strerror(errno));
+    std::remove(fresh.c_str());
+    std::remove(nextBackup.c_str());
+    return -1;
+  };
+  if (!insertionOrder_.empty() && !WriteProfile(fresh)) return fail();
+  // The old profile becomes the backup only once the new one is in place.
+  const bool hadProfile = Exists(accountFile_);
+  if (hadProfile && link(accountFile_.c_str(), nextBackup.c_str()) != 0) return fail();
   if (insertionOrder_.empty()) {
-    std::remove(accountFile_.c_str());
-    return 0;
+    if (hadProfile && unlink(accountFile_.c_str()) != 0) return fail();
+  } else if (rename(fresh.c_str(), accountFile_.c_str()) != 0) {
+    return fail();
   }
-  rename(fresh.c_str(), accountFile_.c_str());
+  if (hadProfile && rename(nextBackup.c_str(), backup.c_str()) != 0) {
+    // The new profile is in place; only the backup is one save old.
+    WriteLog(kLogWarning, "Keep account backup %s error: %s\n", backup.c_str(),
+             std::strerror(errno));
+    std::remove(nextBackup.c_str());
+  }
+  SyncDirectoryOf(accountFile_);
   return 0;
 }
 

@@ -29,10 +29,12 @@ class AccountRegistry {
   // Rewrites the profile file from the table, keeping the previous one as
   // "<file>.bak". An empty table leaves only the backup. A crash at any moment
   // leaves either the old or the new profile complete, never a partial one.
+  // 0, or -1 when any write, sync or rename failed: the profile and its
+  // backup are then as they were, and the failure is logged.
   int Save();
 
   std::shared_ptr<Account> Find(std::string_view key) const;
-  // Adds the account under its key and makes its cache directory. False (and
+  // Adds the account under its key and places its cache (PlaceCache). False (and
   // nothing added) when the key is taken already.
   bool Add(std::shared_ptr<Account> account);
   // Removes the account under `key`; false when there is none.

@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <functional>
+
 #include "service/decimal_text.h"
 #include "service/process_log.h"
 #include "transport/response_entries.h"
@@ -31,6 +33,9 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
   const int32_t pollingFlag = *polling == "stop" ? 0 : 1;
   const std::string key = AccountKey(*login, *pop3);
 
+  // Undoes the change in memory when the profile cannot be saved: a client
+  // told "fail" must find nothing changed, now or after a restart.
+  std::function<void()> undo;
   if (strcasecmp(action->c_str(), "append") == 0) {
     auto account = std::make_shared<Account>();
     account->login = *login;
@@ -44,30 +49,48 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
       WriteLog(kLogInfo, "Account %s is already exist\n", key.c_str());
       return;
     }
+    undo = [&registry, key] { registry.Remove(key); };
   } else if (strcasecmp(action->c_str(), "update") == 0) {
     auto account = registry.Find(key);
     if (!account) {
       WriteFailure(answer, "Account is not exist");
       return;
     }
+    auto change = [&registry, account](std::string password, int32_t port, std::string mobile,
+                                       int32_t polling) {
+      {
+        std::lock_guard guard(account->lock);
+        account->password = std::move(password);
+        account->port = port;
+        account->mobile = std::move(mobile);
+        account->polling = polling;
+      }
+      registry.PlaceCache(*account);
+    };
     {
       std::lock_guard guard(account->lock);
-      account->password = *password;
-      account->port = portNumber;
-      account->mobile = *mobile;
-      account->polling = pollingFlag;
+      undo = [change, oldPassword = account->password, oldPort = account->port,
+              oldMobile = account->mobile, oldPolling = account->polling] {
+        change(oldPassword, oldPort, oldMobile, oldPolling);
+      };
     }
-    registry.PlaceCache(*account);
+    change(*password, portNumber, *mobile, pollingFlag);
   } else if (strcasecmp(action->c_str(), "delete") == 0) {
-    if (!registry.Remove(key)) {
+    auto account = registry.Find(key);
+    if (!account || !registry.Remove(key)) {
       WriteFailure(answer, "Account is not exist");
       return;
     }
+    undo = [&registry, account] { registry.Add(account); };
   } else {
     WriteFailure(answer, "Error config parameter");
     return;
   }
-  registry.Save();
+  if (registry.Save() != 0) {
+    undo();
+    WriteFailure(answer, "Save account file error");
+    return;
+  }
   WriteSuccess(answer);
 }
 

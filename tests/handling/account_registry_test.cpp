@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -194,6 +195,41 @@ TEST_F(AccountRegistryTest, EverySaveKeepsThePreviousProfileAsBackup) {
   EXPECT_FALSE(std::filesystem::exists(accountFile()));
   EXPECT_EQ(ProfileLines(accountFile() + ".bak"), std::vector<std::string>{"two,pop,p,110,2,1"});
   EXPECT_FALSE(std::filesystem::exists(accountFile() + ".new"));
+}
+
+TEST_F(AccountRegistryTest, ASaveThatCannotCompleteLeavesProfileAndBackupAsTheyWere) {
+  auto registry = NewRegistry();
+  for (int i = 0; i < 40; ++i) {
+    registry->Add(MakeAccount("user" + std::to_string(i) + ",pop,p,110,1,1"));
+    ASSERT_EQ(registry->Save(), 0);
+  }
+  const std::string profile = test::ReadFile(accountFile());
+  const std::string backup = test::ReadFile(accountFile() + ".bak");
+  registry->Add(MakeAccount("one-more,pop,p,110,1,1"));
+
+  // A full disk: a child whose files may not grow past 1 KiB.
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{1024, 1024};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    _exit(registry->Save() == -1 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  // A backup that cannot be kept: something else holds its scratch name.
+  std::filesystem::create_directories(accountFile() + ".bak.new/taken");
+  EXPECT_EQ(registry->Save(), -1);
+  std::filesystem::remove_all(accountFile() + ".bak.new");
+
+  EXPECT_EQ(test::ReadFile(accountFile()), profile);
+  EXPECT_EQ(test::ReadFile(accountFile() + ".bak"), backup);
+  EXPECT_FALSE(std::filesystem::exists(accountFile() + ".new"));
+  EXPECT_EQ(registry->Save(), 0);  // and the next save that can, does
+  EXPECT_EQ(ProfileLines(accountFile()).size(), 41u);
+  EXPECT_EQ(test::ReadFile(accountFile() + ".bak"), profile);
 }
 
 TEST_F(AccountRegistryTest, ShortRecordLoadsAsAnEmptyAccount) {

@@ -169,6 +169,24 @@ TEST_F(CommandDispatcherTest, DeleteRemovesTheAccountAndTheProfile) {
   EXPECT_TRUE(std::filesystem::exists(accountFile() + ".bak"));
 }
 
+TEST_F(CommandDispatcherTest, AChangeThatCannotBeSavedIsUndoneAndAnswersFail) {
+  ASSERT_EQ(Config("append", joe_)["Status"], "success");
+  const std::string profile = test::ReadFile(accountFile());
+  // The save cannot keep its backup: something holds the backup's scratch name.
+  std::filesystem::create_directories(accountFile() + ".bak.new/taken");
+  Fields ann = joe_;
+  ann[2].second = "ann";
+  Fields joeChanged = joe_;
+  joeChanged[3].second = "changed";
+  EXPECT_EQ(Config("append", ann)["Log"], "Save account file error");
+  EXPECT_EQ(Config("update", joeChanged, "stop")["Log"], "Save account file error");
+  EXPECT_EQ(Config("delete", joe_)["Log"], "Save account file error");
+  EXPECT_EQ(registry().Count(), 1u);
+  ASSERT_NE(registry().Find("joe@pop.local"), nullptr);
+  EXPECT_EQ(registry().Find("joe@pop.local")->FormatLine(), "joe,pop.local,secret,995,139,1");
+  EXPECT_EQ(test::ReadFile(accountFile()), profile);
+}
+
 TEST_F(CommandDispatcherTest, UnknownActionAndMissingFields) {
   EXPECT_EQ(Config("rename", joe_)["Log"], "Error config parameter");
   for (const char* missing : {"Pop3", "Login", "Pwd", "Mobile"}) {
