@@ -109,7 +109,6 @@ void CheckMailThread::CheckAccount(Account& account) {
              CNetError::GetErrorString(result));
     return;
   }
-  bool changed = false;
   int count = 0;
   client.GetNumMsgs(&count);
   if (count >= 1) client.GetUIDL(0);
@@ -141,22 +140,18 @@ void CheckMailThread::CheckAccount(Account& account) {
     std::string date = FormatLocalMinute(ParseMailDate(message->JoinedHeaderValues(kFieldDate)));
     Console("Date: %s\r\n", date.c_str());
     {
+      // On disk before the program runs: a message is announced at most
+      // once, even when the program fails or the gateway dies right after.
       std::lock_guard guard(account.lock);
       account.knownUids.push_back(uid);
+      SaveKnownUids(account.mailListPath, account.knownUids);
     }
-    changed = true;
-    // A notice is recorded before the program runs: a message is announced
-    // at most once even when the program fails.
     if (!notifyProgram_) continue;
     std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
     WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());
     RunNotifyProgram(*notifyProgram_, mobile, from, date, subject);
   }
   client.POP3Close();
-  if (changed) {
-    std::lock_guard guard(account.lock);
-    SaveKnownUids(account.mailListPath, account.knownUids);
-  }
 }
 
 }  // namespace corvane

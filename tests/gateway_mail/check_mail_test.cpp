@@ -3,7 +3,9 @@
 // arguments, and that none is announced twice.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <thread>
 
@@ -11,6 +13,7 @@
 #include "pop3/pop3_server_env.h"
 #include "support/gateway_process.h"
 #include "support/scoped_env.h"
+#include "support/scripted_peer.h"
 
 namespace corvane {
 namespace {
@@ -151,6 +154,62 @@ TEST_F(CheckMailTest, AnAccountWithPollingOffHoldsTheCheckUntilItIsOn) {
                                      " --param Config=update --param Polling=start");
   ASSERT_EQ(update.status, 0) << update.output;
   EXPECT_TRUE(WaitForChecks(gateway, Key(), 1)) << gateway.LogText();
+}
+
+TEST_F(CheckMailTest, AGatewayKilledRightAfterANoticeNeverRepeatsIt) {
+  // The first call of the program kills the gateway, as a crash would,
+  // while the server keeps the pass waiting on the next header.
+  test::WriteFile(notifyDir_ / "notify",
+                  std::string(kNotifyScript) +
+                      "[ -e \"$(dirname \"$0\")/crashed\" ] ||"
+                      " { touch \"$(dirname \"$0\")/crashed\"; kill -KILL $PPID; }\n");
+  auto login = [](std::vector<test::Step> then) {
+    std::vector<test::Step> steps = {test::Send("+OK\r\n"),
+                                     test::Expect("USER joe\r\n"),
+                                     test::Send("+OK\r\n"),
+                                     test::Expect("PASS pw\r\n"),
+                                     test::Send("+OK\r\n"),
+                                     test::Expect("STAT\r\n"),
+                                     test::Send("+OK 2 99\r\n"),
+                                     test::Expect("UIDL\r\n"),
+                                     test::Send("+OK\r\n1 first\r\n2 second\r\n.\r\n")};
+    steps.insert(steps.end(), then.begin(), then.end());
+    return steps;
+  };
+  std::vector<test::Step> script =
+      login({test::Expect("TOP 1 0\r\n"), test::Send("+OK\r\nSubject: one\r\n\r\n.\r\n"),
+             test::Drain(15000), test::Accept()});
+  // After the restart only the message never announced is fetched.
+  for (test::Step& step :
+       login({test::Expect("TOP 2 0\r\n"), test::Send("+OK\r\nSubject: two\r\n\r\n.\r\n"),
+              test::Expect("QUIT\r\n"), test::Send("+OK\r\n")})) {
+    script.push_back(std::move(step));
+  }
+  test::ScriptedPeer server(std::move(script), 15000);
+
+  GatewayProcess gateway(Config());
+  ASSERT_TRUE(gateway.Start());
+  ASSERT_EQ(AskGateway(gateway.port(),
+                       "--req Command=ConfigMail --req Pop3=127.0.0.1 --req Port=" +
+                           std::to_string(server.port()) +
+                           " --req Login=joe --req Pwd=pw --req Mobile=1 --param Config=append"
+                           " --param Polling=start")
+                .status,
+            0);
+  for (int i = 0; i < 150 && !std::filesystem::exists(notifyDir_ / "crashed"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_EQ(gateway.Stop(15), 128 + SIGKILL);  // reaps what the program killed
+  ASSERT_TRUE(gateway.Start());
+  EXPECT_TRUE(server.Finish()) << server.Errors();
+  for (int i = 0; i < 50 && Calls().size() < 2; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  auto calls = Calls();
+  ASSERT_EQ(calls.size(), 2u);
+  std::sort(calls.begin(), calls.end());
+  EXPECT_EQ(calls[0][3], "one");
+  EXPECT_EQ(calls[1][3], "two");
 }
 
 }  // namespace
