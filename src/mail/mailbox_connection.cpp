@@ -5,6 +5,7 @@
 #include "protocol/command_text.h"
 #include "protocol/net_codes.h"
 #include "service/decimal_text.h"
+#include "service/limits.h"
 
 namespace corvane {
 namespace {
@@ -55,7 +56,10 @@ int ReadMessageHeader(Pop3Client& client, int number, std::optional<MailMessage>
   if (result != 0) return result;
   std::string header;
   char line[kHeaderLineRoom];
-  while (client.ReadTopLine(line, kHeaderLineRoom) > 0) header += line;
+  // Past its bound the header is read to its end but not kept.
+  for (int length; (length = client.ReadTopLine(line, kHeaderLineRoom)) > 0;) {
+    if (header.size() < limits::kMaxHeaderBytes) header.append(line, static_cast<size_t>(length));
+  }
   client.CloseTop();
   BufferDataSource source(static_cast<int64_t>(header.size()));
   source.Open(DataSource::kOpenWrite);

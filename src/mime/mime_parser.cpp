@@ -12,6 +12,7 @@
 #include "mime/gmime_handle.h"
 #include "mime/part_decoder.h"
 #include "mime/uuencoded_files.h"
+#include "service/limits.h"
 
 namespace corvane {
 namespace {
@@ -19,7 +20,8 @@ namespace {
 constexpr int kReadChunk = 64 * 1024;
 // Multiparts nested deeper than this are hostile; their contents are left out.
 constexpr int kMaxDepth = 64;
-constexpr size_t kMaxFieldBytes = 64 * 1024;
+using limits::kMaxFieldBytes;
+using limits::kMaxHeaderFields;
 
 // The header value as the message has it, on one line: line breaks of the
 // folding removed (the whitespace after them stays), and the blanks around
@@ -201,15 +203,18 @@ bool StartsField(const char* line, size_t length) {
 }
 
 // Cuts each field of the message's own header to kMaxFieldBytes, its
-// continuation lines included. No mail needs more (the mail operations read
-// at most 4095 bytes of a field), and the library's header reader grows its
-// buffer in small steps, which a hostile field of megabytes makes slow.
+// continuation lines included, and drops the fields after the first
+// kMaxHeaderFields. No mail needs more (the mail operations read at most 4095
+// bytes of a field), and the library's header reader grows its buffer in
+// small steps, which a hostile field of megabytes makes slow, and keeps
+// hundreds of bytes for each field, however short.
 void CapHeaderFields(GByteArray* bytes) {
   char* data = reinterpret_cast<char*>(bytes->data);
   const size_t size = bytes->len;
   size_t read = 0;
   size_t write = 0;
   size_t field = 0;  // bytes of the current field kept so far
+  size_t fields = 0;
   bool inField = false;
   bool changed = false;
   while (read < size) {
@@ -222,9 +227,13 @@ void CapHeaderFields(GByteArray* bytes) {
       inField = StartsField(data + read, length);
       field = 0;
       if (!inField && read == 0) return;  // not a message header at all
+      if (inField) ++fields;
     }
     size_t keep = length;
-    if (inField && field + length > kMaxFieldBytes) {
+    if (inField && fields > kMaxHeaderFields) {
+      keep = 0;
+      changed = true;
+    } else if (inField && field + length > kMaxFieldBytes) {
       keep = field >= kMaxFieldBytes ? 0 : std::min(kMaxFieldBytes - field, length - 1);
       changed = true;
     }

@@ -9,6 +9,7 @@
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
 #include "service/decimal_text.h"
+#include "service/limits.h"
 
 namespace corvane {
 namespace {
@@ -103,6 +104,7 @@ int Pop3Client::SocketOnConnected(int socket, const char* host) {
 
 int Pop3Client::POP3Connect(const char* host, const char* user, const char* password) {
   POP3Close();
+  statCount_ = -1;
   if (!IsSafeCommandArgument(user) || !IsSafeCommandArgument(password)) {
     return OnError(kNetInvalidParameter);
   }
@@ -143,8 +145,9 @@ int Pop3Client::GetNumMsgs(int* count) {
     std::string field = ReplyField(response_, " ", 1);
     if (field.empty()) {
       result = kNetInvalidResponse;
-    } else if (count != nullptr) {
-      *count = ReadDecimal(field);
+    } else {
+      statCount_ = std::clamp(ReadDecimal(field), 0, limits::kMaxMessages);
+      if (count != nullptr) *count = statCount_;
     }
   }
   return OnError(result);
@@ -273,6 +276,7 @@ int Pop3Client::CloseTop() {
 
 int Pop3Client::GetUIDL(int number) {
   uids_.clear();
+  uidIndex_.clear();
   char command[32];
   if (number < 1) {
     std::snprintf(command, sizeof command, "UIDL\r\n");
@@ -287,7 +291,7 @@ int Pop3Client::GetUIDL(int number) {
     std::string uid = ReplyField(response_, kSeparators, 2);
     if (uid.empty()) return OnError(kNetInvalidResponse);
     uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
-    uids_.push_back({number, std::move(uid)});
+    AddUid(number, std::move(uid));
     return OnError(kNetOk);
   }
   char line[kResponseSize];
@@ -303,15 +307,21 @@ int Pop3Client::GetUIDL(int number) {
     std::string uid = ReplyField(line, kSeparators, 1);
     if (messageNumber.empty() || uid.empty()) return OnError(kNetInvalidResponse);
     uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
-    uids_.push_back({ReadDecimal(messageNumber), std::move(uid)});
+    // No more ids than the mailbox has messages: the rest is read, not kept.
+    if (static_cast<int>(uids_.size()) < (statCount_ >= 0 ? statCount_ : limits::kMaxMessages)) {
+      AddUid(ReadDecimal(messageNumber), std::move(uid));
+    }
   }
 }
 
+void Pop3Client::AddUid(int number, std::string uid) {
+  uidIndex_.emplace(number, uids_.size());  // the first entry of a number counts
+  uids_.push_back({number, std::move(uid)});
+}
+
 const char* Pop3Client::GetUID(int number) const {
-  for (const UidEntry& entry : uids_) {
-    if (entry.number == number) return entry.uid.c_str();
-  }
-  return nullptr;
+  auto found = uidIndex_.find(number);
+  return found == uidIndex_.end() ? nullptr : uids_[found->second].uid.c_str();
 }
 
 int Pop3Client::DeleteMsg(int number) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "protocol/data_source.h"
@@ -22,6 +23,7 @@ class Pop3Client : public CNetClient {
 
   virtual int POP3Connect(const char* host, const char* user, const char* password);
   virtual int POP3Close();
+  // The message count, at most limits::kMaxMessages.
   virtual int GetNumMsgs(int* count);
   virtual int GetMsgSize(int number, long* size);
   virtual int RetrieveToDataSource(int number, DataSource& dest);
@@ -73,6 +75,7 @@ class Pop3Client : public CNetClient {
   // Line-by-line reading of a RETR or TOP stream, on that stream's flags.
   int ReadOpenLine(bool open, bool& done, char* buffer, int max);
   int CloseOpen(bool& open, bool& done);
+  void AddUid(int number, std::string uid);
 
   unsigned port_ = 110;
   int responseTimeOut_ = 10;
@@ -81,8 +84,10 @@ class Pop3Client : public CNetClient {
   bool messageOpen_ = false, messageDone_ = false;
   bool topOpen_ = false, topDone_ = false;
   std::vector<UidEntry> uids_;
-  bool greetingRead_ = false;  // by the STLS upgrade
-  bool lineStart_ = true;      // the next piece of a listing begins a line
+  std::unordered_map<int, size_t> uidIndex_;  // number -> its entry in uids_
+  int statCount_ = -1;                        // the last STAT count, capped
+  bool greetingRead_ = false;                 // by the STLS upgrade
+  bool lineStart_ = true;                     // the next piece of a listing begins a line
 };
 
 }  // namespace corvane

@@ -11,6 +11,7 @@
 #include "mime/encoded_words.h"
 #include "protocol/buffer_data_source.h"
 #include "protocol/file_data_source.h"
+#include "service/limits.h"
 #include "support/temp_dir.h"
 
 namespace corvane {
@@ -318,6 +319,17 @@ TEST(MimeParserTest, ParsesTwentyMegabyteSingleLines) {
   ASSERT_NE(Field(header, "To:"), nullptr);
   EXPECT_EQ(Field(header, "To:")->data, "b@example.com");
   EXPECT_EQ(header.textBody->text, "body");
+
+  // So is a header of 300,000 short fields: the first thousand are kept.
+  std::string many = "Subject: many\r\n";
+  for (int i = 0; i < 300000; ++i) many += "X-A: b\r\n c\r\n";
+  ParsedMessage fields = ParseText(many + "To: late@example.com\r\n\r\nbody");
+  EXPECT_EQ(fields.headers.size(), limits::kMaxHeaderFields);
+  EXPECT_EQ(Field(fields, "Subject:")->data, "many");
+  EXPECT_EQ(fields.headers.back().data, "b c");
+  EXPECT_EQ(Field(fields, "To:"), nullptr);
+  ASSERT_TRUE(fields.textBody);
+  EXPECT_EQ(fields.textBody->text, "body");
 }
 
 TEST(MimeParserTest, SurvivesHostileNesting) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "protocol/buffer_data_source.h"
+#include "service/limits.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
 
@@ -77,6 +78,27 @@ TEST_F(Pop3ClientTest, CountSizeAndTheirMalformedReplies) {
   EXPECT_EQ(client_.GetNumMsgs(&count), 37);
   EXPECT_EQ(client_.GetMsgSize(9, &size), 50);
   EXPECT_EQ(client_.GetNumMsgs(&count), 56);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST_F(Pop3ClientTest, HugeCountsAreCappedAndUidlKeepsNoMoreIdsThanTheCount) {
+  ScriptedPeer peer(Login({Expect("STAT\r\n"), Send("+OK 2147483647 100\r\n"), Expect("STAT\r\n"),
+                           Send("+OK 99999999999999999999 1\r\n"), Expect("STAT\r\n"),
+                           Send("+OK 2 10\r\n"), Expect("UIDL\r\n"),
+                           Send("+OK\r\n1 a\r\n2 b\r\n3 c\r\n4 d\r\n.\r\n"), Expect("NOOP\r\n")}));
+  ASSERT_EQ(Connect(peer), 0);
+  int count = 0;
+  EXPECT_EQ(client_.GetNumMsgs(&count), 0);
+  EXPECT_EQ(count, limits::kMaxMessages);
+  EXPECT_EQ(client_.GetNumMsgs(&count), 0);
+  EXPECT_EQ(count, limits::kMaxMessages);
+  EXPECT_EQ(client_.GetNumMsgs(&count), 0);
+  EXPECT_EQ(count, 2);
+  EXPECT_EQ(client_.GetUIDL(0), 0);  // read to its end, so the session goes on
+  EXPECT_EQ(client_.UidList().size(), 2u);
+  EXPECT_STREQ(client_.GetUID(2), "b");
+  EXPECT_EQ(client_.GetUID(3), nullptr);
+  client_.Send("NOOP\r\n");
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
 }
 

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+
+// Every bound the gateway keeps on what a client or a mail server sends, in
+// one place. Mail servers, clients and messages are outside input: none of
+// them may grow memory or time without an end. The limits are far above what
+// real mail needs; what goes past one is cut or refused where it is read.
+namespace corvane::limits {
+
+// Messages a mailbox may hold for the gateway: a larger STAT count is read
+// as this many, and a UIDL listing keeps no more ids than the STAT count.
+inline constexpr int kMaxMessages = 100000;
+
+// Bytes of one message's header kept from TOP (the rest is read and dropped).
+inline constexpr size_t kMaxHeaderBytes = 256 * 1024;
+// Fields of one message's header; later ones are dropped when it is parsed.
+inline constexpr size_t kMaxHeaderFields = 1000;
+// Bytes of one header field, its continuation lines included.
+inline constexpr size_t kMaxFieldBytes = 64 * 1024;
+
+// Lines of one multi-line SMTP or FTP reply; a server that goes on past
+// them is a failed reply.
+inline constexpr int kMaxReplyLines = 1000;
+
+}  // namespace corvane::limits
