@@ -1,6 +1,8 @@
 #include "mail/mail_forwarder.h"
 
 #include "mail/quoted_original.h"
+#include "service/process_log.h"
+#include "transport/response_entries.h"
 
 namespace corvane {
 
@@ -12,8 +14,24 @@ void MailForwarder::Merge(const RenderedMail& original, const std::string& attac
   // request.
   mail.attachments.clear();
   for (const RenderedMail::Attachment& attachment : original.attachments) {
-    if (attachment.size >= 0) mail.attachments.push_back(attachmentDirectory + attachment.name);
+    if (attachment.size >= 0) {
+      mail.attachments.push_back(attachmentDirectory + attachment.name);
+    } else {
+      lostAttachment_ = attachment.name;
+    }
   }
+}
+
+void MailForwarder::Send(wxEntryLog& answer) {
+  // A forward that would go out without one of the message's attachments
+  // fails, as one whose attachment cannot be read does; it is not sent short.
+  if (lostAttachment_) {
+    WriteFailure(answer, "Send mail error");
+    WriteLog(kLogError, "Send mail ocurr error: attachment %s could not be saved\n",
+             lostAttachment_->c_str());
+    return;
+  }
+  sender_.Send(answer);
 }
 
 }  // namespace corvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,13 +19,16 @@ class MailForwarder {
   // Subject, body and attachments from the retrieved message, whose
   // attachments were saved into `attachmentDirectory` ("/" at the end).
   void Merge(const RenderedMail& original, const std::string& attachmentDirectory);
-  void Send(wxEntryLog& answer) { sender_.Send(answer); }
+  // Sends it; fails with "Send mail error", sending nothing, when an
+  // attachment of the message could not be saved.
+  void Send(wxEntryLog& answer);
   const OutgoingMail& Mail() const { return sender_.Mail(); }
   // The files attached from the retrieved message.
   const std::vector<std::string>& AttachedFiles() const { return sender_.Mail().attachments; }
 
  private:
   MailSender sender_;
+  std::optional<std::string> lostAttachment_;
 };
 
 }  // namespace corvane

@@ -135,6 +135,12 @@ TEST(Forward, SubjectBodyAndTheOriginalsAttachments) {
   EXPECT_EQ(mail.body, "\r\n\r\n" + QuotationHeader(original) + "\r\nShall we meet?\r\n");
   EXPECT_EQ(forwarder.AttachedFiles(),
             (std::vector<std::string>{"/cache/me/plan.pdf", "/cache/me/photo.jpg"}));
+  // Not sent short of the attachment that could not be saved.
+  wxEntryLog answer;
+  answer.SetRecording(true);
+  forwarder.Send(answer);
+  EXPECT_EQ(answer.Serialize(),
+            test::Entry(2, "Status", "fail") + test::Entry(2, "Log", "Send mail error"));
 
   Request titled({{"To", "zed@example.net"}, {"Subject", "FYI"}, {"Body", "See below."}});
   MailForwarder own(titled.fields);
