@@ -8,8 +8,10 @@
 #include "mail/mailbox_connection.h"
 #include "mime/mail_message.h"
 #include "protocol/net_error.h"
+#include "protocol/operation_deadline.h"
 #include "protocol/pop3_client.h"
 #include "service/process_log.h"
+#include "service/service_settings.h"
 #include "transport/console.h"
 
 namespace corvane {
@@ -92,6 +94,7 @@ void CheckMailThread::CheckAllAccounts(const AccountRegistry& registry) {
 }
 
 void CheckMailThread::CheckAccount(Account& account) {
+  OperationDeadline deadline(std::chrono::seconds(g_settings.operationTimeout));
   MailboxLogin mailbox;
   std::string mobile;
   {

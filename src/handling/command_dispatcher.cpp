@@ -1,5 +1,8 @@
 #include "handling/command_dispatcher.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "handling/config_mail.h"
 #include "handling/process_registry.h"
 #include "mail/mail_forwarder.h"
@@ -7,6 +10,7 @@
 #include "mail/mail_receiver.h"
 #include "mail/mail_replier.h"
 #include "mail/mail_sender.h"
+#include "protocol/operation_deadline.h"
 #include "service/process_log.h"
 #include "service/service_settings.h"
 #include "transport/request_fields.h"
@@ -44,6 +48,7 @@ void RunListMail(RequestFields& request, wxEntryLog& answer) {
 // The retrieval steps receive, reply and forward start with: the message
 // fetched and rendered. False when the fetch failed (and was answered).
 bool Retrieve(MailReceiver& receiver, wxEntryLog& answer) {
+  receiver.SetMaxMessageBytes(int64_t{g_settings.maxMessageMb} * 1024 * 1024);
   if (receiver.Fetch(answer, g_settings.pop3Timeout) != 0) return false;
   receiver.Render();
   receiver.ConvertHtmlBody();
@@ -88,13 +93,19 @@ void RunConfigMail(RequestFields& request, wxEntryLog& answer) {
   ConfigMail(request, *registry, answer);
 }
 
-// Matched exactly, case included, first match wins.
+// Matched exactly, case included, first match wins. Each has the failure
+// text it answers when its time runs out.
 constexpr struct {
   const char* name;
   Operation run;
+  const char* timedOut;
 } kCommands[] = {
-    {"SendMail", RunSendMail},   {"ListMail", RunListMail},       {"ReceiveMail", RunReceiveMail},
-    {"ReplyMail", RunReplyMail}, {"ForwardMail", RunForwardMail}, {"ConfigMail", RunConfigMail},
+    {"SendMail", RunSendMail, "Send mail error"},
+    {"ListMail", RunListMail, "Connect pop3 server error"},
+    {"ReceiveMail", RunReceiveMail, "Load pop3 message error"},
+    {"ReplyMail", RunReplyMail, "Send mail error"},
+    {"ForwardMail", RunForwardMail, "Send mail error"},
+    {"ConfigMail", RunConfigMail, "Account is not exist"},
 };
 
 }  // namespace
@@ -106,22 +117,30 @@ std::string CommandDispatcher::Dispatch(std::string_view bytes) const {
   WriteLog(kLogDebug, "[Corvane] Proccess command: %s ------------------------------\n",
            commandText);
 
+  auto startAnswer = [&command](wxEntryLog& answer) {
+    answer.Clear();
+    answer.SetRecording(true);
+    answer.AddEntryText(kEntryOpenRecord, "sysRESPONSE", "aResponse");
+    answer.AddEntryText(kEntryField, "Command", command);
+  };
   wxEntryLog answer;
-  answer.SetRecording(true);
-  answer.AddEntryText(kEntryOpenRecord, "sysRESPONSE", "aResponse");
-  answer.AddEntryText(kEntryField, "Command", command);
+  startAnswer(answer);
   if (!command) {
     WriteFailure(answer, "Request command is wrong");
   } else {
-    Operation run = nullptr;
-    for (const auto& entry : kCommands) {
-      if (*command == entry.name) {
-        run = entry.run;
-        break;
+    const auto* found = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&](const auto& entry) { return *command == entry.name; });
+    if (found != std::end(kCommands)) {
+      OperationDeadline deadline(std::chrono::seconds(g_settings.operationTimeout));
+      found->run(request, answer);
+      // Whatever the operation made of its cut-short connections, the
+      // client learns that it failed.
+      if (OperationDeadline::Expired()) {
+        startAnswer(answer);
+        WriteFailure(answer, found->timedOut);
+        WriteLog(kLogError, "%s did not end within %d seconds\n", commandText,
+                 g_settings.operationTimeout);
       }
-    }
-    if (run) {
-      run(request, answer);
     } else {
       WriteFailure(answer, "Unknow command");
       WriteLog(kLogError, "Unknow command: %s\n", commandText);

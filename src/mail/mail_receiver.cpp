@@ -121,6 +121,14 @@ int MailReceiver::FetchFromServer(const std::string& cachedPath) {
   long size = 0;
   client_.GetMsgSize(number, &size);
   WriteLog(kLogDebug, "Message size is: %ld\n", size);
+  // Refused before it fills the disk; the server's word is checked again
+  // while the message arrives.
+  if (maxMessageBytes_ > 0 && size > maxMessageBytes_) {
+    WriteLog(kLogError, "Message of %ld bytes is over the limit of %lld\n", size,
+             static_cast<long long>(maxMessageBytes_));
+    return kNetBodyTooLong;
+  }
+  client_.SetMaxRetrieveBytes(maxMessageBytes_);
   if (size >= kTripleTimeoutSize) {
     client_.SetPOP3TimeOut(pop3Timeout_ * 3);
   } else if (size >= kDoubleTimeoutSize) {

@@ -43,6 +43,9 @@ class MailReceiver {
   // 3 MB). 0, 100 when a required field is missing, or a result code; a
   // failure is answered here.
   int Fetch(wxEntryLog& answer, int pop3TimeoutSeconds);
+  // A message larger than this many bytes (by its LIST size, or by what
+  // arrives) is not fetched: Fetch fails. 0 or less: no limit.
+  void SetMaxMessageBytes(int64_t bytes) { maxMessageBytes_ = bytes; }
   // Header fields for display and the body converted to the target charset.
   void Render();
   // An HTML-only body becomes plain text.
@@ -83,6 +86,7 @@ class MailReceiver {
   Pop3Client client_;
   bool connected_ = false;
   int pop3Timeout_ = 0;
+  int64_t maxMessageBytes_ = 0;
   MailMessage message_;
   RenderedMail rendered_;
   std::string attachmentDirectory_;

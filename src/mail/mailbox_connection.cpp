@@ -57,10 +57,14 @@ int ReadMessageHeader(Pop3Client& client, int number, std::optional<MailMessage>
   std::string header;
   char line[kHeaderLineRoom];
   // Past its bound the header is read to its end but not kept.
-  for (int length; (length = client.ReadTopLine(line, kHeaderLineRoom)) > 0;) {
+  int length;
+  while ((length = client.ReadTopLine(line, kHeaderLineRoom)) > 0) {
     if (header.size() < limits::kMaxHeaderBytes) header.append(line, static_cast<size_t>(length));
   }
   client.CloseTop();
+  // A header that did not arrive whole is no header: it would be listed, and
+  // cached, cut short.
+  if (length < 0) return kNetTopFailed;
   BufferDataSource source(static_cast<int64_t>(header.size()));
   source.Open(DataSource::kOpenWrite);
   source.Write(header.data(), static_cast<int>(header.size()));

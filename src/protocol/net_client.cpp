@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 
+#include "protocol/operation_deadline.h"
 #include "protocol/socket_wait.h"
 
 namespace corvane {
@@ -85,9 +86,11 @@ int CNetClient::Connect(unsigned port, const char* address, int timeoutSeconds, 
 
   int handle = -1;
   if (CreateSocket(handle, family, type, protocol_) != 0) return OnError(kNetSocketCreateFailed);
+  OperationDeadline::Watch(handle);
   socket_ = handle;
   ClearReadAhead();
   auto fail = [this](int code) {
+    OperationDeadline::Unwatch(socket_);
     ::close(socket_);
     socket_ = -1;
     blockingMode_ = 0;
@@ -116,6 +119,7 @@ int CNetClient::Connect(unsigned port, const char* address, int timeoutSeconds, 
   SetHandshakeTimeOut(timeoutSeconds > 0 ? timeoutSeconds * 1000 : receiveTimeOutMs_);
   int code = SocketOnConnected(socket_, HostPart(address));
   if (code != kNetOk) {
+    OperationDeadline::Unwatch(socket_);
     SocketClose(socket_);
     socket_ = -1;
     ClearReadAhead();
@@ -140,6 +144,7 @@ int CNetClient::CloseConnected() {
     if (type_ == SOCK_STREAM && SocketShutDown(socket_, SHUT_RDWR) != 0 && errno != ENOTCONN) {
       result = 1;
     }
+    OperationDeadline::Unwatch(socket_);
     if (SocketClose(socket_) != 0) result = 1;
     socket_ = -1;
   }
@@ -155,6 +160,7 @@ int CNetClient::CloseConnection() {
   if (listenSocket_ != -1) {
     // A listener has no connection to shut down; only real failures count.
     if (::shutdown(listenSocket_, SHUT_RDWR) != 0 && errno != ENOTCONN) result = 1;
+    OperationDeadline::Unwatch(listenSocket_);
     if (::close(listenSocket_) != 0) result = 1;
     listenSocket_ = -1;
   }
@@ -181,13 +187,16 @@ int CNetClient::WaitForConnect(unsigned port, int backlog, int family, const cha
 
   int handle = -1;
   if (CreateSocket(handle, family, type_, protocol_) != 0) return OnError(kNetSocketCreateFailed);
+  OperationDeadline::Watch(handle);
   int on = 1;
   setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (!addressOk || ::bind(handle, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+    OperationDeadline::Unwatch(handle);
     ::close(handle);
     return OnError(kNetBindFailed);
   }
   if (::listen(handle, backlog) != 0) {
+    OperationDeadline::Unwatch(handle);
     ::close(handle);
     return OnError(kNetListenFailed);
   }
@@ -217,6 +226,7 @@ int CNetClient::AcceptConnection(const char* onlyFrom) {
   }
 
   socket_ = handle;
+  OperationDeadline::Watch(socket_);
   ClearReadAhead();
   ApplyTimeOuts(socket_);
   remoteAddress_ = Dotted(peer.sin_addr);
@@ -225,6 +235,7 @@ int CNetClient::AcceptConnection(const char* onlyFrom) {
   SetHandshakeTimeOut(receiveTimeOutMs_);
   int code = SocketOnConnected(socket_, remoteAddress_.c_str());
   if (code != kNetOk) {
+    OperationDeadline::Unwatch(socket_);
     SocketClose(socket_);
     socket_ = -1;
     remotePort_ = localPort_ = 0;
@@ -408,7 +419,7 @@ bool CNetClient::SendFileStatus(long) {
   return true;
 }
 bool CNetClient::IsAborted() {
-  return false;
+  return OperationDeadline::Expired();
 }
 
 bool CNetClient::IsDataWaiting() {

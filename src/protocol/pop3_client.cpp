@@ -198,6 +198,10 @@ int Pop3Client::RetrieveToDataSource(int number, DataSource& dest) {
       break;
     }
     total += length;
+    if (maxRetrieveBytes_ > 0 && total > maxRetrieveBytes_) {
+      result = kNetBodyTooLong;
+      break;
+    }
     if (!RetrieveStatus(total)) break;
     if (dest.Write(line, length) != length) writeFailed = true;
   }
@@ -227,7 +231,8 @@ int Pop3Client::ReadOpenLine(bool open, bool& done, char* buffer, int max) {
   if (!open) return -1;
   if (done) return 0;
   int length = ReadListingPiece(buffer, max, 0, done, false);
-  return done ? 0 : length;
+  if (done) return 0;
+  return length < 1 ? -1 : length;
 }
 
 int Pop3Client::CloseOpen(bool& open, bool& done) {

@@ -36,10 +36,15 @@ class Pop3Client : public CNetClient {
   // The id stored for `number`, or null when the number is not in the list.
   virtual const char* GetUID(int number) const;
   virtual int OpenTop(int number, int lines);
+  // One line (or piece of an overlong one) of an open TOP listing: its
+  // length, 0 at the end of the listing, -1 when nothing is open or the
+  // rest did not arrive.
   virtual int ReadTopLine(char* buffer, int max);
   virtual int CloseTop();
   virtual int DeleteMsg(int number);
   virtual int ResetDelete();
+  // A RETR that goes past this many bytes stops with 79. 0 or less: no limit.
+  void SetMaxRetrieveBytes(int64_t bytes) { maxRetrieveBytes_ = bytes; }
   // Called with the running byte count of a RETR; false stops it (98).
   virtual bool RetrieveStatus(long bytesSoFar);
 
@@ -85,9 +90,10 @@ class Pop3Client : public CNetClient {
   bool topOpen_ = false, topDone_ = false;
   std::vector<UidEntry> uids_;
   std::unordered_map<int, size_t> uidIndex_;  // number -> its entry in uids_
-  int statCount_ = -1;                        // the last STAT count, capped
-  bool greetingRead_ = false;                 // by the STLS upgrade
-  bool lineStart_ = true;                     // the next piece of a listing begins a line
+  int statCount_ = -1;
+  int64_t maxRetrieveBytes_ = 0;  // the last STAT count, capped
+  bool greetingRead_ = false;     // by the STLS upgrade
+  bool lineStart_ = true;         // the next piece of a listing begins a line
 };
 
 }  // namespace corvane

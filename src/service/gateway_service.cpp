@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include "protocol/operation_deadline.h"
 #include "service/process_log.h"
 #include "service/service_settings.h"
 #include "service/startup.h"
@@ -22,6 +23,9 @@ void GatewayService::Run() {
 }
 
 void GatewayService::OnStop() {
+  // Mail operations in progress end now, whatever their servers do, so the
+  // threads below are joined at once.
+  OperationDeadline::StopAll();
   server_.Shutdown();
   WriteLog(kLogInfo, "Program terminal\n");
   if (checkMail_) checkMail_->Stop();

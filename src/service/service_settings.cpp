@@ -30,6 +30,8 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
   ReadNumber(ini, "Application", "port", s.listenPort);
   ReadNumber(ini, "Application", "subject_length", s.subjectLength);
   ReadNumber(ini, "Application", "pop3_timeout", s.pop3Timeout);
+  ReadNumber(ini, "Application", "operation_timeout", s.operationTimeout);
+  ReadNumber(ini, "Application", "max_message_size", s.maxMessageMb);
   s.defaultBody = ini.Get("Application", "default_body");
   s.logLevel = LogLevelFromName(ini.Get("Application", "log_level"));
   return s;

@@ -20,6 +20,8 @@ struct ServiceSettings {
   int32_t listenPort = 8500;                 // [Application] port
   int32_t subjectLength = 0;                 // [Application] subject_length
   int32_t pop3Timeout = 20;                  // [Application] pop3_timeout
+  int32_t operationTimeout = 300;            // [Application] operation_timeout, seconds
+  int32_t maxMessageMb = 64;                 // [Application] max_message_size, MB
   std::optional<std::string> defaultBody;    // [Application] default_body
   int32_t logLevel = 1;                      // [Application] log_level
 

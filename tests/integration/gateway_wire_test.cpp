@@ -3,12 +3,14 @@
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <mutex>
 #include <set>
 #include <thread>
 
 #include "support/gateway_process.h"
+#include "support/scripted_peer.h"
 #include "transport/counted_string.h"
 #include "transport/wx_codec.h"
 #include "transport/wx_entry_log.h"
@@ -288,6 +290,68 @@ TEST_F(GatewayWireTest, SigtermDuringAccountChangesLosesNoConfirmedAccount) {
     saved.insert(record->substr(0, record->find(',')));
   }
   for (const std::string& login : confirmed) EXPECT_EQ(saved.count(login), 1u) << login;
+}
+
+// POP3 servers that never let a request end on their own: one goes silent
+// after the greeting, one trickles a header line every 200 ms, forever.
+std::vector<test::Step> SilentPop3() {
+  return {test::Send("+OK ready\r\n"), test::Expect("USER joe\r\n"), test::Drain(120000)};
+}
+std::vector<test::Step> TricklingPop3() {
+  return {test::Send("+OK ready\r\n"),
+          test::Expect("USER joe\r\n"),
+          test::Send("+OK\r\n"),
+          test::Expect("PASS pw\r\n"),
+          test::Send("+OK\r\n"),
+          test::Expect("STAT\r\n"),
+          test::Send("+OK 1 9\r\n"),
+          test::Expect("UIDL\r\n"),
+          test::Send("+OK\r\n1 a\r\n.\r\n"),
+          test::Expect("TOP 1 0\r\n"),
+          test::Do([](test::PeerSession& session, std::string&) {
+            session.Write("+OK\r\n");
+            for (int i = 0; i < 600 && session.Write("X-Slow: y\r\n"); ++i) {
+              std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            }
+            return true;
+          })};
+}
+
+std::string ListMailAt(const test::ScriptedPeer& server) {
+  return "--req Command=ListMail --req Pop3=127.0.0.1 --req Port=" + std::to_string(server.port()) +
+         " --req Login=joe --req Pwd=pw";
+}
+
+TEST(HostileMailServerTest, ARequestEndsWithItsFailureAnswerAtItsDeadline) {
+  GatewayProcess gateway("log_level=debug\npop3_timeout=60\noperation_timeout=2\n");
+  ASSERT_TRUE(gateway.Start());
+  for (auto script : {SilentPop3, TricklingPop3}) {
+    test::ScriptedPeer server(script(), 5000);
+    const auto start = std::chrono::steady_clock::now();
+    CliResult answer =
+        RunCli("--port " + std::to_string(gateway.port()) + " " + ListMailAt(server));
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start)
+            .count();
+    EXPECT_NE(answer.output.find("Log = Connect pop3 server error"), std::string::npos)
+        << answer.output;
+    EXPECT_LT(seconds, 10);  // the servers alone would hold it for minutes
+  }
+  EXPECT_NE(gateway.LogText().find("ListMail did not end within 2 seconds"), std::string::npos);
+}
+
+TEST(HostileMailServerTest, SigtermEndsTheGatewayWhileAMailServerHangs) {
+  GatewayProcess gateway("pop3_timeout=60\noperation_timeout=0\n");
+  ASSERT_TRUE(gateway.Start());
+  test::ScriptedPeer server(SilentPop3(), 5000);
+  std::thread client(
+      [&] { RunCli("--port " + std::to_string(gateway.port()) + " " + ListMailAt(server)); });
+  for (int i = 0; i < 100 && server.Connections() == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_EQ(gateway.Stop(10), 0);
+  client.join();
+  EXPECT_NE(gateway.LogText().find(" Program terminal\n"), std::string::npos);
 }
 
 TEST(CliTest, EncodeAndDecodeRoundTripAndUnreachableGatewayIsAClearError) {

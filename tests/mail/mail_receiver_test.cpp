@@ -59,6 +59,7 @@ class MailReceiverTest : public ::testing::Test {
     wxEntryLog answer;
     answer.SetRecording(true);
     MailReceiver receiver(request, registry_);
+    receiver.SetMaxMessageBytes(maxMessageBytes_);
     int result = receiver.Fetch(answer, 1);
     if (result == 0) {
       receiver.Render();
@@ -85,6 +86,7 @@ class MailReceiverTest : public ::testing::Test {
 
   test::TempDir dir_;
   AccountRegistry registry_{dir_ / "account.dat", dir_.path()};
+  int64_t maxMessageBytes_ = 0;
 };
 
 std::string Retrieved(const std::string& message) {
@@ -109,6 +111,24 @@ TEST_F(MailReceiverTest, LargeMessagesGetLongerTimeOuts) {
   EXPECT_EQ(answer,
             test::Entry(2, "Status", "fail") + test::Entry(2, "Log", "Load pop3 message error"));
   EXPECT_TRUE(CacheFiles(plain).empty());
+}
+
+TEST_F(MailReceiverTest, AMessageOverTheSizeLimitIsNeitherFetchedNorCached) {
+  maxMessageBytes_ = 4096;
+  const std::string failed =
+      test::Entry(2, "Status", "fail") + test::Entry(2, "Log", "Load pop3 message error");
+  std::string answer;
+  // Too large by its LIST size: no RETR is sent.
+  std::vector<Step> listed = Session(5000, {});
+  listed.back() = Expect("QUIT\r\n");
+  ScriptedPeer large(listed);
+  EXPECT_EQ(Receive(large, answer), 79);
+  EXPECT_EQ(answer, failed);
+  // A server whose LIST understates it is stopped once the limit is passed.
+  ScriptedPeer lying(Session(100, {Send("+OK\r\n" + std::string(8000, 'x') + "\r\n.\r\n")}));
+  EXPECT_EQ(Receive(lying, answer), 79);
+  EXPECT_EQ(answer, failed);
+  EXPECT_TRUE(CacheFiles(lying).empty());
 }
 
 TEST_F(MailReceiverTest, AConnectionLostMidTransferLeavesNoCacheFile) {
