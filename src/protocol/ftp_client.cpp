@@ -9,6 +9,7 @@
 #include "protocol/net_codes.h"
 #include "protocol/socket_wait.h"
 #include "service/decimal_text.h"
+#include "service/limits.h"
 
 namespace corvane {
 namespace {
@@ -49,8 +50,13 @@ int FtpClient::GetReplyCode() {
   if (line[0] != '\0' && line[1] != '\0' && line[2] != '\0' && line[3] == '-') {
     // A multi-line reply ends at a line with the same three digits and a blank.
     const std::string end = std::string(line, 3) + " ";
-    while (readLine()) {
-      replyLines_.push_back(lastResponse_);
+    for (int lines = 1;; ++lines) {
+      // A server that never ends its reply gets no more of our memory or time.
+      if (lines > limits::kMaxReplyLines) return 0;
+      if (!readLine()) break;
+      if (replyLines_.size() < static_cast<size_t>(limits::kMaxReplyLines)) {
+        replyLines_.push_back(lastResponse_);
+      }
       if (lastResponse_.compare(0, 4, end) == 0) break;
     }
   }

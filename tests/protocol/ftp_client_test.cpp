@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "protocol/buffer_data_source.h"
+#include "service/limits.h"
 #include "support/scripted_peer.h"
 
 namespace corvane {
@@ -142,6 +143,18 @@ TEST(FtpLoginTest, GreetingIsTakenAsTheReplyToUser) {
   FtpClient second;
   EXPECT_EQ(Connect(second, multi), 0);
   EXPECT_EQ(second.ReplyLines(), (std::vector<std::string>{"220-to the test", "220 ready"}));
+}
+
+TEST(FtpLoginTest, AReplyThatNeverEndsIsNoReply) {
+  ScriptedPeer peer({Expect("USER up\r\n"), test::Do([](test::PeerSession& session, std::string&) {
+                       session.Write("230-Welcome\r\n");
+                       for (int i = 0; i < 100000 && session.Write("230-and more\r\n"); ++i) {
+                       }
+                       return true;
+                     })});
+  FtpClient client;
+  EXPECT_EQ(Connect(client, peer), 38);
+  EXPECT_LE(client.ReplyLines().size(), static_cast<size_t>(limits::kMaxReplyLines));
 }
 
 TEST(FtpDirectoryTest, RepliesMapToCodes) {
