@@ -19,6 +19,15 @@ inline constexpr size_t kMaxHeaderFields = 1000;
 // Bytes of one header field, its continuation lines included.
 inline constexpr size_t kMaxFieldBytes = 64 * 1024;
 
+// Bytes of one client connection queued between the network and the work
+// thread, each way. A client that sends faster than its requests are served
+// is not read from until there is room again (its TCP window fills), and
+// answers wait for room while a client does not read them: back-pressure,
+// not a growing queue. A request (at most 20480 bytes) always fits, and one
+// answer of any size is always queued.
+inline constexpr size_t kMaxQueuedRequestBytes = 64 * 1024;
+inline constexpr size_t kMaxQueuedAnswerBytes = 1024 * 1024;
+
 // Lines of one multi-line SMTP or FTP reply; a server that goes on past
 // them is a failed reply.
 inline constexpr int kMaxReplyLines = 1000;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "service/decimal_text.h"
+#include "service/limits.h"
 #include "transport/console.h"
 #include "transport/wx_codec.h"
 
@@ -71,9 +72,11 @@ void CSocketWorker::Stop() {
   {
     std::lock_guard lock(sendMutex_);
     sendQueue_.clear();
+    sendQueuedBytes_ = 0;
   }
   std::lock_guard lock(receiveMutex_);
   receiveQueue_.clear();
+  receiveQueuedBytes_ = 0;
 }
 
 void CSocketWorker::CloseSocket() {
@@ -82,8 +85,10 @@ void CSocketWorker::CloseSocket() {
   // between testing the socket and going to sleep.
   { std::lock_guard lock(receiveMutex_); }
   workCv_.notify_all();
+  receiveRoomCv_.notify_all();
   { std::lock_guard lock(sendMutex_); }
   sendCv_.notify_all();
+  sendRoomCv_.notify_all();
 }
 
 bool CSocketWorker::Settled() const {
@@ -118,6 +123,14 @@ void CSocketWorker::NotifySettled() {
 void CSocketWorker::ReceiveLoop() {
   std::vector<char> buffer(kReceiveBufferSize);
   while (!stopRequested_) {
+    {
+      std::unique_lock lock(receiveMutex_);
+      receiveRoomCv_.wait(lock, [this] {
+        return receiveQueuedBytes_ < limits::kMaxQueuedRequestBytes || !SocketValid() ||
+               stopRequested_;
+      });
+      if (!SocketValid() || stopRequested_) break;
+    }
     ssize_t got = ::recv(socket_, buffer.data(), buffer.size(), 0);
     if (got <= 0) {
       int error = got < 0 ? errno : 0;
@@ -135,6 +148,7 @@ void CSocketWorker::ReceiveLoop() {
       try {
         std::lock_guard lock(receiveMutex_);
         receiveQueue_.emplace_back(buffer.data(), static_cast<size_t>(got));
+        receiveQueuedBytes_ += static_cast<size_t>(got);
         queued = true;
       } catch (const std::bad_alloc&) {
         if (attempt == 0) std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -198,6 +212,7 @@ void CSocketWorker::DrainSendQueue(std::unique_lock<std::mutex>& lock, std::stri
       }
     }
     const std::string& out = alone.empty() ? coalesced : alone;
+    sendQueuedBytes_ -= std::min(sendQueuedBytes_, out.size());
     sending_ = true;
     lock.unlock();
     ssize_t sent = ::send(socket_, out.data(), out.size(), MSG_NOSIGNAL);
@@ -209,8 +224,10 @@ void CSocketWorker::DrainSendQueue(std::unique_lock<std::mutex>& lock, std::stri
     if (sent <= 0) {
       Console("Send Exit WSAErr: %d\n", error);
       sendQueue_.emplace_front(out);
+      sendQueuedBytes_ += out.size();
       return;
     }
+    sendRoomCv_.notify_all();
   }
 }
 
@@ -280,15 +297,16 @@ size_t CSocketWorker::ReadBytes(char* dest, size_t n, bool wait) {
     }
     DataChunk& front = receiveQueue_.front();
     size_t wanted = n - taken;
-    if (front.size() <= wanted) {
-      std::memcpy(dest + taken, front.data(), front.size());
-      taken += front.size();
+    size_t moved = std::min(front.size(), wanted);
+    std::memcpy(dest + taken, front.data(), moved);
+    taken += moved;
+    receiveQueuedBytes_ -= moved;
+    if (moved == front.size()) {
       receiveQueue_.pop_front();
     } else {
-      std::memcpy(dest + taken, front.data(), wanted);
-      front.Consume(wanted);
-      taken = n;
+      front.Consume(moved);
     }
+    receiveRoomCv_.notify_one();
   }
   return taken;
 }
@@ -310,7 +328,14 @@ void CSocketWorker::SendResponse(std::string_view answer) {
   frame += digits;
   frame.append(encoded->data(), bodyLength);
   {
-    std::lock_guard lock(sendMutex_);
+    std::unique_lock lock(sendMutex_);
+    // A client that does not read its answers holds this request until it
+    // does, or until the connection closes.
+    sendRoomCv_.wait(lock, [this] {
+      return sendQueuedBytes_ < limits::kMaxQueuedAnswerBytes || !SocketValid() || stopRequested_;
+    });
+    if (!SocketValid() || stopRequested_) return;
+    sendQueuedBytes_ += frame.size();
     sendQueue_.emplace_back(std::move(frame));
     sendSignalled_ = true;
   }

@@ -111,13 +111,17 @@ class CSocketWorker {
   mutable std::mutex sendMutex_;
   std::condition_variable sendCv_;
   std::deque<DataChunk> sendQueue_;
-  bool sendSignalled_ = false;     // an answer was queued since the last pass
-  bool idleLimitChanged_ = false;  // the send thread must recompute its deadline
-  bool sending_ = false;           // bytes taken off the queue are being sent
+  size_t sendQueuedBytes_ = 0;
+  std::condition_variable sendRoomCv_;  // the work thread waits for room
+  bool sendSignalled_ = false;          // an answer was queued since the last pass
+  bool idleLimitChanged_ = false;       // the send thread must recompute its deadline
+  bool sending_ = false;                // bytes taken off the queue are being sent
 
   std::mutex receiveMutex_;
   std::condition_variable workCv_;
+  std::condition_variable receiveRoomCv_;  // the receive thread waits for room
   std::deque<DataChunk> receiveQueue_;
+  size_t receiveQueuedBytes_ = 0;
 
   std::mutex stopMutex_;  // one Stop() at a time
   std::thread recvThread_;

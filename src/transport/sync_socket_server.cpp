@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -213,7 +214,11 @@ void CSyncSocketServer::Admit(int socket, std::string peerAddress, uint16_t peer
   bool admitted = false;
   {
     std::lock_guard lock(lock_);
-    if (listenSocket_ >= 0 && static_cast<int64_t>(workers_.size()) < maxWorkers_) {
+    // A worker whose client has gone no longer counts, though it may still
+    // be waiting for its request to come back before it is reaped.
+    const auto open = std::count_if(workers_.begin(), workers_.end(),
+                                    [](const auto& worker) { return worker->SocketValid(); });
+    if (listenSocket_ >= 0 && open < maxWorkers_) {
       admitted = true;
       idleTimeoutMs = idleTimeoutMs_;
     }

@@ -53,7 +53,13 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
 // that fails to answer fails the test instead of hanging it.
 class Client {
  public:
-  explicit Client(uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  // `receiveBuffer` (when above 0) keeps what the kernel holds for a client
+  // that does not read small.
+  explicit Client(uint16_t port, int receiveBuffer = 0)
+      : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    if (receiveBuffer > 0) {
+      ::setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
     timeval limit{5, 0};
     ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     int on = 1;
@@ -69,6 +75,7 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   bool connected() const { return connected_; }
+  int fd() const { return socket_; }
 
   void Close() {
     if (socket_ >= 0) ::close(socket_);
@@ -320,6 +327,65 @@ TEST_F(SyncSocketServerTest, ConnectionBeyondTheLimitIsClosedAtOnce) {
   auto late = Connect();
   EXPECT_EQ(late->RoundTrip("late"), "re:late");
   EXPECT_EQ(RequestCount(), 51u);
+}
+
+TEST_F(SyncSocketServerTest, AConnectionWhoseClientHasGoneNoLongerCounts) {
+  server_.SetMaxWorkers(2);
+  StartServer();
+  // Two clients leave while their requests are held by the dispatcher.
+  for (int i = 0; i < 2; ++i) {
+    auto gone = Connect();
+    ASSERT_TRUE(gone->Send(Request("block")));
+    ASSERT_TRUE(WaitUntilBlocked());
+    gone->Close();
+  }
+  auto fresh = Connect();
+  EXPECT_EQ(fresh->RoundTrip("fresh"), "re:fresh");
+  Release();
+}
+
+TEST_F(SyncSocketServerTest, AClientThatDoesNotReadIsNotServedAheadOfItsAnswers) {
+  StartServer();
+  auto client = std::make_unique<Client>(server_.BoundPort(), 16 * 1024);
+  std::string requests;
+  for (int i = 0; i < 150; ++i) requests += Request("size:100000");
+  ASSERT_TRUE(client->Send(requests));
+  // 15 MB of answers: only what the queue and the sockets hold is made, and
+  // then nothing more until the client reads.
+  size_t served = 0;
+  for (int i = 0; i < 40; ++i) {
+    std::this_thread::sleep_for(500ms);
+    if (RequestCount() == served) break;
+    served = RequestCount();
+  }
+  EXPECT_LT(served, 150u);
+  for (int i = 0; i < 150; ++i) ASSERT_EQ(client->ReadAnswer(), Pattern(100000)) << i;
+  EXPECT_EQ(RequestCount(), 150u);
+}
+
+TEST_F(SyncSocketServerTest, AClientSendingFasterThanItIsServedIsNotRead) {
+  StartServer();
+  auto client = Connect();
+  ASSERT_TRUE(client->Send(Request("block")));
+  ASSERT_TRUE(WaitUntilBlocked());
+  const std::string junk(1024 * 1024, 'x');
+  size_t pushed = 0;
+  while (pushed < 64 * junk.size()) {
+    ssize_t sent = ::send(client->fd(), junk.data(), junk.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent <= 0) {
+      if (errno != EAGAIN ||
+          !WaitFor([&] { return ::send(client->fd(), "x", 1, MSG_NOSIGNAL | MSG_DONTWAIT) == 1; },
+                   500ms)) {
+        break;
+      }
+      ++pushed;
+      continue;
+    }
+    pushed += static_cast<size_t>(sent);
+  }
+  // The queue and the two sockets' buffers, not the 64 MB.
+  EXPECT_LT(pushed, 32 * junk.size());
+  Release();
 }
 
 TEST_F(SyncSocketServerTest, IdleConnectionIsClosedAndReaped) {
