@@ -7,7 +7,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "mime/encoded_words.h"
 #include "mime/gmime_handle.h"
@@ -31,7 +30,7 @@ bool SameText(std::string_view a, std::string_view b) {
 std::string WireName(std::string_view stored) {
   std::string name;
   for (char c : stored) {
-    if (c != '\r' && c != '\n') name += c;
+    if (c != '\r' && c != '\n' && c != '\0') name += c;
   }
   while (!name.empty() && IsBlank(name.back())) name.pop_back();
   if (name.empty() || name.back() != ':') name += ':';
@@ -61,31 +60,19 @@ void AppendFolded(std::string_view line, size_t keep, std::string& out) {
 
 void AppendField(std::string_view storedName, std::string_view value, std::string& out) {
   std::string name = WireName(storedName);
-  // Each line of the value on its own; later lines become continuation
-  // lines, and blank ones are dropped, so the value stays one field.
-  std::vector<std::string_view> lines;
-  size_t begin = 0;
-  while (begin <= value.size()) {
-    size_t end = value.find_first_of("\r\n", begin);
-    if (end == std::string_view::npos) end = value.size();
-    std::string_view line = value.substr(begin, end - begin);
-    if (std::any_of(line.begin(), line.end(), [](char c) { return !IsBlank(c); })) {
-      lines.push_back(line);
-    }
-    begin = end + 1;
-  }
+  const std::string folded = FoldedHeaderValue(value);
+  std::string_view text = folded;
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  // The first line goes with the name; every later one starts with a blank.
+  size_t end = text.find("\r\n");
   std::string first = name;
-  if (!lines.empty()) {
-    first += ' ';
-    std::string_view text = lines.front();
-    while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
-    first += text;
-  }
+  if (!text.empty()) first += ' ';
+  first += text.substr(0, end);
   AppendFolded(first, name.size() + 1, out);
-  for (size_t i = 1; i < lines.size(); ++i) {
-    std::string continued = IsBlank(lines[i].front()) ? "" : " ";
-    continued += lines[i];
-    AppendFolded(continued, 1, out);
+  while (end != std::string_view::npos) {
+    size_t begin = end + 2;
+    end = text.find("\r\n", begin);
+    AppendFolded(text.substr(begin, end - begin), 1, out);
   }
 }
 
@@ -185,7 +172,7 @@ GMimeHandle<GMimePart> FilePart(const std::string& path, const std::string& char
       g_mime_data_wrapper_new_with_stream(file.get(), GMIME_CONTENT_ENCODING_DEFAULT));
   g_mime_part_set_content(part.get(), wrapper.get());
   g_mime_part_set_content_encoding(part.get(), GMIME_CONTENT_ENCODING_BASE64);
-  std::string name = AttachmentName(path, charset);
+  std::string name = FoldedHeaderValue(AttachmentName(path, charset));
   GMimeObject* object = GMIME_OBJECT(part.get());
   g_mime_object_set_content_type_parameter(object, "name", name.c_str());
   GMimeHandle<GMimeContentDisposition> disposition(g_mime_content_disposition_new());
@@ -207,7 +194,7 @@ const std::string* ListedTextType(const MailMessage& message) {
 std::string TextContentType(const MailMessage& message) {
   if (const std::string* listed = ListedTextType(message)) return *listed;
   if (message.Charset().empty()) return "text/plain";
-  return "text/plain; charset=\"" + message.Charset() + "\"";
+  return "text/plain; charset=\"" + FoldedHeaderValue(message.Charset()) + "\"";
 }
 
 int WriteAll(std::string_view bytes, DataSource& target) {
@@ -224,6 +211,29 @@ int WriteAll(std::string_view bytes, DataSource& target) {
 }
 
 }  // namespace
+
+std::string FoldedHeaderValue(std::string_view value) {
+  // Header text may come from anyone (a decoded subject, a client's escape);
+  // a break kept as it is would end the field there, and an empty line the
+  // whole header block, so breaks survive only as folds.
+  std::string text;
+  text.reserve(value.size());
+  for (char c : value) {
+    if (c != '\0') text += c;
+  }
+  if (text.find_first_of("\r\n") == std::string::npos) return text;
+  std::string out;
+  for (size_t begin = 0; begin <= text.size();) {
+    size_t end = std::min(text.find_first_of("\r\n", begin), text.size());
+    std::string_view line = std::string_view(text).substr(begin, end - begin);
+    if (std::any_of(line.begin(), line.end(), [](char c) { return !IsBlank(c); })) {
+      if (!out.empty()) out += IsBlank(line.front()) ? "\r\n" : "\r\n ";
+      out += line;
+    }
+    begin = end + 1;
+  }
+  return out;
+}
 
 int ComposeMessage(const MailMessage& message, DataSource& target) {
   EnsureGMimeInitialised();
@@ -243,12 +253,13 @@ int ComposeMessage(const MailMessage& message, DataSource& target) {
     g_mime_object_write_content_to_stream(GMIME_OBJECT(text.get()), options.get(), out.get());
   } else {
     if (const std::string* listed = ListedTextType(message)) {
-      GMimeHandle<GMimeContentType> type(g_mime_content_type_parse(nullptr, listed->c_str()));
+      GMimeHandle<GMimeContentType> type(
+          g_mime_content_type_parse(nullptr, FoldedHeaderValue(*listed).c_str()));
       if (type) g_mime_object_set_content_type(GMIME_OBJECT(text.get()), type.get());
     }
     if (!message.Charset().empty()) {
       g_mime_object_set_content_type_parameter(GMIME_OBJECT(text.get()), "charset",
-                                               message.Charset().c_str());
+                                               FoldedHeaderValue(message.Charset()).c_str());
     }
     GMimeHandle<GMimeMultipart> mixed(g_mime_multipart_new_with_subtype("mixed"));
     g_mime_multipart_add(mixed.get(), GMIME_OBJECT(text.get()));

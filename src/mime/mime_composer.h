@@ -1,15 +1,27 @@
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include "mime/mail_message.h"
 #include "protocol/data_source.h"
 
 namespace corvane {
 
+// `value` made fit to follow "Name: " on a header line: NULs are dropped, and
+// when it holds line breaks (CR, LF, or runs of them) its blank lines go and
+// each break becomes one fold, CRLF and a space (the line's own blank when it
+// starts with one); a break at either end leaves nothing. So whatever the
+// text, it can neither start a field of its own nor end the header block.
+std::string FoldedHeaderValue(std::string_view value);
+
 // Writes `message` into `target` (opened for writing here and closed again)
 // as a complete message whose last line ends in CRLF:
 // - the header list in its order, each field folded at whitespace to lines
 //   of at most 78 characters where the value allows; a line break inside a
-//   value is kept only as a fold, so no value can start a field of its own;
+//   value (or a parameter value: charset, attachment name) is kept only as a
+//   fold and NULs are dropped (FoldedHeaderValue), so no value can start a
+//   field of its own;
 // - Date, Message-ID and MIME-Version when the list holds none;
 // - without attachment files, the text body as the only part, under the
 //   list's Content-Type when that is a text type, else

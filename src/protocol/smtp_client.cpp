@@ -9,6 +9,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "mime/mime_composer.h"
+#include "protocol/command_text.h"
 #include "protocol/mapped_file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
@@ -97,14 +99,62 @@ std::vector<std::string> AddressesOf(const MailMessage& message, int32_t id) {
   return addresses;
 }
 
-// Sends body bytes in batches; a short send fails the transaction.
-class BatchedSender {
+// The bare address of a mailbox text, at most `room` bytes: from the first
+// "<" outside double quotes to the next ">", else up to the first blank
+// (blanks after a list's comma are not part of it). None for a text shorter
+// than three bytes.
+std::optional<std::string> BareAddress(std::string_view text, size_t room) {
+  if (text.size() < 3) return std::nullopt;
+  bool quoted = false;
+  size_t open = std::string_view::npos;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '"') quoted = !quoted;
+    if (text[i] == '<' && !quoted) {
+      open = i;
+      break;
+    }
+  }
+  std::string_view address;
+  if (open != std::string_view::npos) {
+    address = text.substr(open + 1);
+    address = address.substr(0, address.find('>'));
+  } else {
+    size_t start = text.find_first_not_of(' ');
+    address = start == std::string_view::npos ? std::string_view() : text.substr(start);
+    address = address.substr(0, address.find(' '));
+  }
+  return std::string(address.substr(0, room));
+}
+
+}  // namespace
+
+// Writes the DATA section in batches, a short send failing the transaction.
+// All of it, headers too, goes out with CRLF line ends (a lone CR or LF
+// becomes one) and each line that starts with "." gets another: nothing in a
+// message can end the data early and have the rest read as commands.
+class SmtpClient::DataWriter {
  public:
-  explicit BatchedSender(CNetClient& client) : client_(client) { batch_.reserve(kSendBatch); }
-  bool Add(const char* data, size_t length) {
-    batch_.append(data, length);
+  explicit DataWriter(CNetClient& client) : client_(client) { batch_.reserve(kSendBatch * 2); }
+  bool Add(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const char c = bytes.front();
+      if (c == '\r' || c == '\n') {
+        if (c == '\r' || !afterCr_) batch_ += "\r\n";
+        afterCr_ = c == '\r';
+        atLineStart_ = true;
+        bytes.remove_prefix(1);
+        continue;
+      }
+      if (atLineStart_ && c == '.') batch_ += '.';
+      size_t run = std::min(bytes.find_first_of("\r\n"), bytes.size());
+      batch_.append(bytes.data(), run);
+      bytes.remove_prefix(run);
+      atLineStart_ = afterCr_ = false;
+    }
     return batch_.size() < kSendBatch || Flush();
   }
+  // Ends a line that was cut short; nothing when one has just ended.
+  bool EndLine() { return atLineStart_ || Add("\r\n"); }
   bool Flush() {
     bool sent = batch_.empty() || client_.Send(batch_.data(), static_cast<int>(batch_.size())) ==
                                       static_cast<int>(batch_.size());
@@ -115,9 +165,9 @@ class BatchedSender {
  private:
   CNetClient& client_;
   std::string batch_;
+  bool atLineStart_ = true;
+  bool afterCr_ = false;
 };
-
-}  // namespace
 
 SmtpClient::SmtpClient() = default;
 
@@ -153,8 +203,16 @@ int SmtpClient::ReadLine(int room, int timeoutSeconds) {
   return ReceiveLine(line_, std::min<int>(room, sizeof line_), timeoutSeconds);
 }
 
-int SmtpClient::SendText(const std::string& text) {
-  return Send(text.data(), static_cast<int>(text.size()));
+bool SmtpClient::SendCommand(std::string_view command) {
+  // An argument from outside (an address, a name) holding CR, LF or NUL would
+  // end the line early, the rest reaching the server as a command of its own:
+  // such a command is refused unsent, and fails as a refused command does.
+  if (!IsSafeCommandArgument(command)) return false;
+  std::string line(command);
+  line += "\r\n";
+  bool sent = Send(line.data(), static_cast<int>(line.size())) == static_cast<int>(line.size());
+  Forget(line);  // it may carry a password
+  return sent;
 }
 
 int SmtpClient::GetResponseCode(int timeoutSeconds) {
@@ -201,8 +259,9 @@ int SmtpClient::SMTPConnect(const char* host, const char* localName) {
 }
 
 int SmtpClient::Greet(const char* host, const char* localName, bool securityWanted) {
-  SendText(std::string("EHLO ") + localName + "\r\n");
-  if (ReadLine(kLineRoom, responseTimeOut_) < 3) return kNetHelloFailed;
+  if (!SendCommand(std::string("EHLO ") + localName) || ReadLine(kLineRoom, responseTimeOut_) < 3) {
+    return kNetHelloFailed;
+  }
   const bool success = IsSuccess(CodeOf(line_));
   if (line_[3] == '-') {
     if (!success) return kNetHelloFailed;
@@ -210,22 +269,25 @@ int SmtpClient::Greet(const char* host, const char* localName, bool securityWant
     if (result != kNetOk) return result;
   } else if (!success) {
     if (securityWanted) return kNetSmtpNoStartTls;
-    SendText(std::string("HELO ") + localName + "\r\n");
-    return IsSuccess(GetResponseCode(responseTimeOut_)) ? kNetOk : kNetHelloFailed;
+    return SendCommand(std::string("HELO ") + localName) &&
+                   IsSuccess(GetResponseCode(responseTimeOut_))
+               ? kNetOk
+               : kNetHelloFailed;
   }
   if (securityWanted && startTlsOffered_) return StartTls(host, localName);
   return kNetOk;
 }
 
 int SmtpClient::StartTls(const char* host, const char* localName) {
-  SendText("STARTTLS\r\n");
-  if (!IsSuccess(GetResponseCode(responseTimeOut_))) return kNetHelloFailed;
+  if (!SendCommand("STARTTLS") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
+    return kNetHelloFailed;
+  }
   SetSecurityEnabled(true);
   int result = CSecureSocketClient::SocketOnConnected(Socket(), host);
   if (result != kNetOk || !useAuthentication_ || authMethods_.Count() > 0) return result;
   // The methods a server offers only once the session is secure.
-  SendText(std::string("EHLO ") + localName + "\r\n");
-  if (ReadLine(kLineRoom, responseTimeOut_) < 3 || !IsSuccess(CodeOf(line_))) {
+  if (!SendCommand(std::string("EHLO ") + localName) || ReadLine(kLineRoom, responseTimeOut_) < 3 ||
+      !IsSuccess(CodeOf(line_))) {
     return kNetHelloFailed;
   }
   return ParseExtensions();
@@ -268,38 +330,38 @@ int SmtpClient::Authenticate() {
 int SmtpClient::AuthCramMD5() {
   if (userName_.empty()) return OnError(kNetInvalidUser);
   if (password_.empty()) return OnError(kNetInvalidPassword);
-  SendText("AUTH CRAM-MD5\r\n");
-  if (ReadLine(kAuthLineRoom, responseTimeOut_) < 3) return OnError(kNetInvalidResponse);
+  if (!SendCommand("AUTH CRAM-MD5") || ReadLine(kAuthLineRoom, responseTimeOut_) < 3) {
+    return OnError(kNetInvalidResponse);
+  }
   int code = CodeOf(line_);
   if (code == 504) return OnError(kNetNotSupported);
   if (code != 334) return OnError(kNetLoginFailed);
   std::string challenge = ReplyField(line_, " \r\n", 1).substr(0, kAuthLineRoom - 1);
   std::optional<std::string> answer = CramMd5Answer(userName_, password_, challenge);
   if (!answer) return OnError(kNetFailed);
-  *answer += "\r\n";
-  SendText(*answer);
+  bool sent = SendCommand(*answer);
   Forget(*answer);
-  return OnError(GetResponseCode(responseTimeOut_) == 235 ? kNetOk : kNetLoginFailed);
+  return OnError(sent && GetResponseCode(responseTimeOut_) == 235 ? kNetOk : kNetLoginFailed);
 }
 
 int SmtpClient::AuthLogin() {
   if (userName_.empty()) return OnError(kNetInvalidUser);
   if (password_.empty()) return OnError(kNetInvalidPassword);
-  SendText("AUTH LOGIN\r\n");
-  int code = GetResponseCode(responseTimeOut_);
+  int code = SendCommand("AUTH LOGIN") ? GetResponseCode(responseTimeOut_) : 0;
   if (code == 504) return OnError(kNetNotSupported);
   if (code != 334) return OnError(kNetLoginFailed);
-  SendText(Base64Encode(userName_) + "\r\n");
-  if (GetResponseCode(responseTimeOut_) != 334) return OnError(kNetInvalidUser);
-  std::string password = Base64Encode(password_) + "\r\n";
-  SendText(password);
+  if (!SendCommand(Base64Encode(userName_)) || GetResponseCode(responseTimeOut_) != 334) {
+    return OnError(kNetInvalidUser);
+  }
+  std::string password = Base64Encode(password_);
+  bool sent = SendCommand(password);
   Forget(password);
-  return OnError(GetResponseCode(responseTimeOut_) == 235 ? kNetOk : kNetInvalidPassword);
+  return OnError(sent && GetResponseCode(responseTimeOut_) == 235 ? kNetOk : kNetInvalidPassword);
 }
 
 int SmtpClient::SMTPClose() {
   extraHeaderLines_.Clear();
-  if (Socket() != -1) Send("QUIT\r\n", 6);
+  if (Socket() != -1) SendCommand("QUIT");
   return OnError(CloseConnection());
 }
 
@@ -312,7 +374,8 @@ void SmtpClient::AppendAddressHeader(std::string& out, const char* name,
   out += name;
   size_t running = 0;
   for (size_t i = 0; i < list.size(); ++i) {
-    size_t cost = list[i].size() + 1;
+    const std::string entry = FoldedHeaderValue(list[i]);
+    size_t cost = entry.size() + 1;
     if (i > 0) {
       out += ',';
       if (running + cost > kFoldLength) {
@@ -320,13 +383,13 @@ void SmtpClient::AppendAddressHeader(std::string& out, const char* name,
         running = 0;
       }
     }
-    out += list[i];
+    out += entry;
     running += cost;
   }
   if (!list.empty()) out += "\r\n";
 }
 
-int SmtpClient::SendRecipient(const char* recipient, const MailMessage& message,
+int SmtpClient::SendRecipient(std::string_view recipient, const MailMessage& message,
                               const std::vector<std::string>& toList,
                               const std::vector<std::string>& ccList, int bytesScale,
                               long& bytesSent, DataSource& bodySource, DataSource* fullSource,
@@ -355,26 +418,28 @@ int SmtpClient::SendRecipient(const char* recipient, const MailMessage& message,
   }
   const long total = static_cast<long>(size) * bytesScale;
 
-  char to[kLineRoom], from[kLineRoom];
-  if (GetAddress(recipient, to, sizeof to) != 0) return OnError(kNetBadAddress);
+  std::optional<std::string> to = BareAddress(recipient, kLineRoom - 1);
+  if (!to) return OnError(kNetBadAddress);
   const std::string* fromField = message.HeaderValue(kFieldFrom, 0);
   if (fromField == nullptr) return OnError(kNetBufferTooShort);
-  if (GetAddress(fromField->c_str(), from, sizeof from) != 0) return OnError(kNetBadAddress);
+  std::optional<std::string> from = BareAddress(*fromField, kLineRoom - 1);
+  if (!from) return OnError(kNetBadAddress);
 
-  SendText(std::string("MAIL FROM:<") + from + ">\r\n");
-  if (!IsSuccess(GetResponseCode(responseTimeOut_))) return OnError(kNetNoServerResponse);
-  SendText(std::string("RCPT TO:<") + to + ">\r\n");
-  if (!IsSuccess(GetResponseCode(responseTimeOut_))) return OnError(kNetRcptFailed);
-  SendText("DATA\r\n");
-  if (GetResponseCode(responseTimeOut_) != 354) return OnError(kNetDataFailed);
+  if (!SendCommand("MAIL FROM:<" + *from + ">") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
+    return OnError(kNetNoServerResponse);
+  }
+  if (!SendCommand("RCPT TO:<" + *to + ">") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
+    return OnError(kNetRcptFailed);
+  }
+  if (!SendCommand("DATA") || GetResponseCode(responseTimeOut_) != 354) {
+    return OnError(kNetDataFailed);
+  }
 
-  std::string headers = "From: " + *fromField;
-  if (!EndsWithCrLf(headers)) headers += "\r\n";
+  std::string headers = "From: " + FoldedHeaderValue(*fromField) + "\r\n";
   AppendAddressHeader(headers, "To: ", toList);
   const std::string* subject = message.HeaderValue(kFieldSubject, 0);
   if (subject == nullptr) return OnError(kNetBufferTooShort);
-  headers += "Subject: " + *subject;
-  if (!EndsWithCrLf(headers)) headers += "\r\n";
+  headers += "Subject: " + FoldedHeaderValue(*subject) + "\r\n";
   char date[64];
   GetDateString(date, sizeof date);
   headers += std::string("Date: ") + date + "\r\n";
@@ -384,24 +449,25 @@ int SmtpClient::SendRecipient(const char* recipient, const MailMessage& message,
     if (!EndsWithCrLf(*line)) headers += "\r\n";
   }
   headers += "\r\n";
-  if (SendText(headers) != static_cast<int>(headers.size())) return OnError(kNetSendFailed);
+  DataWriter out(*this);
+  if (!out.Add(headers)) return OnError(kNetSendFailed);
 
-  int result = SendBody(bodySource, full ? fullSource : nullptr, useFull, bytesSent, total);
+  int result = SendBody(out, bodySource, full ? fullSource : nullptr, useFull, bytesSent, total);
   if (result != kNetOk) return OnError(result);
-  SendText("\r\n.\r\n");
+  constexpr std::string_view kEnd = "\r\n.\r\n";
+  Send(kEnd.data(), static_cast<int>(kEnd.size()));
   return OnError(IsSuccess(GetResponseCode(responseTimeOut_)) ? kNetOk : kNetNoServerResponse);
 }
 
-int SmtpClient::SendBody(DataSource& bodySource, DataSource* fullSource, int useFull,
-                         long& bytesSent, long total) {
+int SmtpClient::SendBody(DataWriter& out, DataSource& bodySource, DataSource* fullSource,
+                         int useFull, long& bytesSent, long total) {
   const int pieceSize = std::max(1, GetMaxSend());
-  BatchedSender out(*this);
   std::vector<char> line(kBodyLineRoom);
   if (useFull > 0 && fullSource != nullptr) {
     const int room = std::min(pieceSize, kFullLineLimit) + 1;
     int n;
     while ((n = fullSource->ReadLine(line.data(), room)) > 0) {
-      if ((line[0] == '.' && !out.Add(".", 1)) || !out.Add(line.data(), n)) return kNetSendFailed;
+      if (!out.Add(std::string_view(line.data(), static_cast<size_t>(n)))) return kNetSendFailed;
       bytesSent += n;
       if (!SendStatus(bytesSent, total) || IsAborted()) return kNetAborted;
     }
@@ -410,17 +476,16 @@ int SmtpClient::SendBody(DataSource& bodySource, DataSource* fullSource, int use
   int n;
   while ((n = bodySource.ReadLine(line.data(), kBodyLineRoom)) > 0) {
     if (IsAborted()) return kNetAborted;
-    if (line[0] == '.' && !out.Add(".", 1)) return kNetSendFailed;
     for (int at = 0; at < n; at += pieceSize) {
       int piece = std::min(pieceSize, n - at);
-      if (!out.Add(line.data() + at, static_cast<size_t>(piece))) return kNetSendFailed;
+      if (!out.Add(std::string_view(line.data() + at, static_cast<size_t>(piece)))) {
+        return kNetSendFailed;
+      }
       bytesSent += piece;
       if (!SendStatus(bytesSent, total)) return kNetAborted;
     }
-    if (!EndsWithCrLf(std::string_view(line.data(), static_cast<size_t>(n))) &&
-        !out.Add("\r\n", 2)) {
-      return kNetSendFailed;
-    }
+    // A line longer than the room is sent as lines of its pieces.
+    if (!out.EndLine()) return kNetSendFailed;
   }
   return out.Flush() ? kNetOk : kNetSendFailed;
 }
@@ -447,8 +512,7 @@ int SmtpClient::SendMail(const MailMessage& message) {
   long bytesSent = 0;
   for (const std::string& recipient : recipients) {
     if (IsAborted()) break;
-    result =
-        SendRecipient(recipient.c_str(), message, toList, ccList, 1, bytesSent, body, nullptr, 0);
+    result = SendRecipient(recipient, message, toList, ccList, 1, bytesSent, body, nullptr, 0);
     if (result != kNetOk) break;
   }
   return result;
@@ -477,30 +541,11 @@ int SmtpClient::SendMailParts(const char* to, const char* from, const char* subj
 }
 
 int SmtpClient::GetAddress(const char* text, char* buffer, int size) {
-  if (text == nullptr || buffer == nullptr || size < 1 || std::strlen(text) < 3) return 1;
-  std::string_view rest(text);
-  bool quoted = false;
-  size_t open = std::string_view::npos;
-  for (size_t i = 0; i < rest.size(); ++i) {
-    if (rest[i] == '"') quoted = !quoted;
-    if (rest[i] == '<' && !quoted) {
-      open = i;
-      break;
-    }
-  }
-  std::string_view address;
-  if (open != std::string_view::npos) {
-    address = rest.substr(open + 1);
-    address = address.substr(0, address.find('>'));
-  } else {
-    // Blanks after a list's comma are not part of the address.
-    size_t start = rest.find_first_not_of(' ');
-    address = start == std::string_view::npos ? std::string_view() : rest.substr(start);
-    address = address.substr(0, address.find(' '));
-  }
-  size_t length = std::min(address.size(), static_cast<size_t>(size - 1));
-  std::memcpy(buffer, address.data(), length);
-  buffer[length] = '\0';
+  if (text == nullptr || buffer == nullptr || size < 1) return 1;
+  std::optional<std::string> address = BareAddress(text, static_cast<size_t>(size - 1));
+  if (!address) return 1;
+  std::memcpy(buffer, address->data(), address->size());
+  buffer[address->size()] = '\0';
   return 0;
 }
 

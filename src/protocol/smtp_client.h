@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "mime/mail_message.h"
@@ -27,8 +28,10 @@ class SmtpClient : public CNetClient {
   // One transaction for `recipient`: envelope, the headers (From, To and Cc
   // from the lists, Subject, Date, the extra header lines) and the body
   // from `bodySource`, or from `fullSource` alone when `useFull` is above 0.
-  // `bytesSent` counts the body bytes sent across transactions.
-  virtual int SendRecipient(const char* recipient, const MailMessage& message,
+  // `bytesSent` counts the body bytes sent across transactions. Header
+  // values go out as FoldedHeaderValue makes them, and the whole data
+  // section dot-stuffed with CRLF line ends.
+  virtual int SendRecipient(std::string_view recipient, const MailMessage& message,
                             const std::vector<std::string>& toList,
                             const std::vector<std::string>& ccList, int bytesScale, long& bytesSent,
                             DataSource& bodySource, DataSource* fullSource, int useFull);
@@ -81,15 +84,19 @@ class SmtpClient : public CNetClient {
  private:
   // Reads one line into the line buffer; its length.
   int ReadLine(int room, int timeoutSeconds);
-  int SendText(const std::string& text);
+  class DataWriter;
+
+  // Sends `command` and "\r\n"; false when it was not sent whole, or not at
+  // all because it holds CR, LF or NUL.
+  bool SendCommand(std::string_view command);
   // EHLO (and HELO or STARTTLS with its re-EHLO) after the greeting.
   int Greet(const char* host, const char* localName, bool securityWanted);
   int StartTls(const char* host, const char* localName);
   // "To: " or "Cc: " and the list folded at 250 characters.
   void AppendAddressHeader(std::string& out, const char* name,
                            const std::vector<std::string>& list) const;
-  int SendBody(DataSource& bodySource, DataSource* fullSource, int useFull, long& bytesSent,
-               long total);
+  int SendBody(DataWriter& out, DataSource& bodySource, DataSource* fullSource, int useFull,
+               long& bytesSent, long total);
   void Forget(std::string& secret);
 
   StringList extraHeaderLines_;

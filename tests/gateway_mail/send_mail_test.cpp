@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -201,6 +202,50 @@ TEST_F(SendMailTest, ReplyQuotesTheOriginalAndGoesToItsSender) {
   GatewayAnswer unknown = Ask("--req Command=ReplyMail " + Mailbox("INBOX") +
                               " --param ID=no-such-message --param Body=x");
   EXPECT_EQ(unknown["Log"], "Load pop3 message error");
+}
+
+TEST_F(SendMailTest, ReplyToASubjectDecodingToSmtpCommandsSendsOneMessage) {
+  // The original's Subject decodes to the end of a message and a second
+  // transaction. The reply built from it goes out as one message to the
+  // original's sender, the whole text inside its Subject: exim sees no other
+  // command (its log never names the smuggled addresses or text).
+  std::string token = Marker("smuggled");
+  std::replace(token.begin(), token.end(), ' ', '-');
+  const std::string words = "=?utf-8?Q?Hi=0D=0A.=0D=0AMAIL_FROM:<x-" + token +
+                            "@example.org>=0D=0ARCPT_TO:<victim-" + token +
+                            "@example.org>=0D=0ADATA=0D=0ASubject:_" + token + "=0D=0A?=";
+  ASSERT_EQ(Ask("--req Command=SendMail " + SmtpAccount() +
+                " --param From=outboxuser@localhost --param To=inboxuser@localhost" +
+                " --param Subject=" + Quoted(words) + " --param Body=Hello")["Status"],
+            "success");
+  std::string id = DeliveredId("INBOX", token);
+  ASSERT_FALSE(id.empty()) << "not delivered";
+
+  const std::string answer = Marker("answer");
+  GatewayAnswer replied = Ask("--req Command=ReplyMail " + Mailbox("INBOX") + " --param ID=" + id +
+                              " --param Body=" + Quoted(answer));
+  ASSERT_EQ(replied["Status"], "success") << replied.output;
+  std::string replyId = DeliveredId("OUTBOX", answer);
+  ASSERT_FALSE(replyId.empty()) << "the reply did not arrive whole";
+  GatewayAnswer reply = Receive("OUTBOX", replyId);
+  EXPECT_EQ(reply["Subject"].rfind("Reply: Hi", 0), 0u) << reply["Subject"];
+  EXPECT_NE(reply["Subject"].find("RCPT TO:<victim-" + token + "@example.org>"), std::string::npos)
+      << reply["Subject"];
+  EXPECT_EQ(reply["Body"].rfind(answer, 0), 0u) << reply["Body"];
+
+  // Every message holding the text: the original and the one reply.
+  std::multiset<std::string> holders;
+  for (const auto& box : std::filesystem::directory_iterator(smtp_.Get("MAIL_ROOT"))) {
+    for (const char* sub : {"/Maildir/new", "/Maildir/cur"}) {
+      std::error_code error;
+      for (const auto& file : std::filesystem::directory_iterator(box.path().string() + sub, error))
+        if (ReadFile(file.path()).find(token) != std::string::npos)
+          holders.insert(box.path().filename());
+    }
+  }
+  EXPECT_EQ(holders, (std::multiset<std::string>{pop3_.Mailbox("INBOX").user,
+                                                 pop3_.Mailbox("OUTBOX").user}));
+  EXPECT_EQ(ReadFile(smtp_.Get("MAIN_LOG")).find(token), std::string::npos);
 }
 
 // The files in a mailbox's cache directory, by name.

@@ -63,8 +63,8 @@ TEST(MailSender, RequestFieldsBecomeEnvelopeAndHeaders) {
   // No "From": the login sends, behind the display name without a blank.
   EXPECT_EQ(HeaderOf(data, "From"), "Joe Q<joe@example.org>");
   EXPECT_EQ(HeaderOf(data, "To"), "ann@example.com");
-  // The escaped line break is a real one, even inside the subject.
-  EXPECT_NE(data.find("\r\nSubject: two\r\nlines\r\n"), std::string::npos)
+  // The escaped line break is a real one, kept inside the subject as a fold.
+  EXPECT_NE(data.find("\r\nSubject: two\r\n lines\r\n"), std::string::npos)
       << test::Printable(data, 600);
   EXPECT_EQ(HeaderOf(data, "X-Priority"), "1");
   EXPECT_EQ(HeaderOf(data, "Disposition-Notification-To"), "joe@example.org");

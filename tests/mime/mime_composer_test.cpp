@@ -40,6 +40,8 @@ std::string Compose(const MailMessage& message, const TempDir& dir) {
   for (size_t i = 0; i < bytes.size(); ++i) {
     if (bytes[i] == '\n') {
       EXPECT_TRUE(i > 0 && bytes[i - 1] == '\r') << "bare LF at " << i;
+    } else if (bytes[i] == '\r') {
+      EXPECT_TRUE(i + 1 < bytes.size() && bytes[i + 1] == '\n') << "bare CR at " << i;
     }
   }
   return bytes;
@@ -165,20 +167,89 @@ TEST(MimeComposerTest, AddsDateMessageIdAndVersionOnlyWhenMissing) {
   EXPECT_EQ(kept.CountHeaders(kFieldMimeVersion), 1);
 }
 
-TEST(MimeComposerTest, LineBreaksInValuesCannotStartFieldsOfTheirOwn) {
-  TempDir dir;
-  MailMessage message;
-  message.AppendHeader("first\r\nBcc: victim@example.com", kFieldSubject);
-  message.AppendHeader("a\nb\r\rc\r\n\r\n", kFieldCustom, "X-Lines:");
-  message.AppendHeader("li@example.net", kFieldTo);
-  message.SetTextBody("body");
-  Compose(message, dir);
-  MailMessage back = Reload(dir);
-  EXPECT_EQ(back.CountHeaders(kFieldBcc), 0);
-  EXPECT_EQ(*back.HeaderValue(kFieldSubject, 0), "first Bcc: victim@example.com");
-  EXPECT_EQ(*back.HeaderValueByName("X-Lines: ", 0), "a b c");
-  EXPECT_EQ(*back.HeaderValue(kFieldTo, 0), "li@example.net");
-  EXPECT_EQ(back.TextBody()->text, "body\r\n");  // a message ends with a line end
+// The header lines of the message and of each of its parts that are
+// neither a field ("Name: ...") nor a fold, and which must not exist.
+std::vector<std::string> StrayHeaderLines(const std::string& bytes) {
+  std::vector<std::string> stray;
+  bool inHeader = true;
+  for (size_t begin = 0; begin < bytes.size();) {
+    size_t end = std::min(bytes.find("\r\n", begin), bytes.size());
+    std::string line = bytes.substr(begin, end - begin);
+    begin = end + 2;
+    if (line.starts_with("--")) {  // a part's boundary: its header follows
+      inHeader = true;
+    } else if (line.empty()) {
+      inHeader = false;
+    } else if (inHeader && line[0] != ' ' && line[0] != '\t') {
+      size_t colon = line.find(':');
+      if (colon == std::string::npos || colon == 0 || line.find_first_of(" \t\r\n", 0) < colon) {
+        stray.push_back(line);
+      }
+    }
+  }
+  return stray;
+}
+
+TEST(MimeComposerTest, BreaksInHeaderValuesBecomeFoldsAndNulsGo) {
+  // Each value as a Subject (header data ends at a NUL), as the charset of the
+  // Content-Type and, where it can name a file, as an attachment name: every
+  // run of CR and LF is one fold, NULs are dropped, and no value starts a
+  // field or ends a header block.
+  struct Case {
+    const char* what;
+    std::string value;
+    std::string folded;
+    std::string subject;  // the value up to its first NUL, folded
+    bool fileName = true;
+  };
+  const std::vector<Case> cases = {
+      {"CR LF and commands",
+       "Hi\r\n.\r\nMAIL FROM:<x@example.org>\r\nRCPT TO:<victim@example.org>\r\nDATA",
+       "Hi\r\n .\r\n MAIL FROM:<x@example.org>\r\n RCPT TO:<victim@example.org>\r\n DATA",
+       "Hi\r\n .\r\n MAIL FROM:<x@example.org>\r\n RCPT TO:<victim@example.org>\r\n DATA"},
+      {"empty lines", "a\r\n\r\n\r\nBcc: victim@example.com\r\n\r\n",
+       "a\r\n Bcc: victim@example.com", "a\r\n Bcc: victim@example.com"},
+      {"lone CR", "a\r.\rb", "a\r\n .\r\n b", "a\r\n .\r\n b"},
+      {"lone LF", "a\n.\nb", "a\r\n .\r\n b", "a\r\n .\r\n b"},
+      {"blank lines and a fold of its own", "a\r\n \t \r\n\tb", "a\r\n\tb", "a\r\n\tb"},
+      {"NUL", std::string("a\0b\r\n\0.c", 8), "ab\r\n .c", "a", false},
+      {"a dot", ".", ".", ".", false},
+      {"long runs",
+       "x" + std::string(300, '\r') + std::string(300, '\n') + "." + std::string(300, '\0') + "y",
+       "x\r\n .y", "x\r\n .", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    MailMessage message;
+    message.SetCharset(c.value);
+    message.AppendHeader("li@example.net", kFieldTo);
+    message.AppendHeader(c.value.c_str(), kFieldSubject);
+    message.SetTextBody("body");
+    std::string bytes = Compose(message, dir);
+    EXPECT_NE(bytes.find("\r\nSubject: " + c.subject + "\r\n"), std::string::npos)
+        << ::testing::PrintToString(bytes);
+    EXPECT_NE(bytes.find("\r\nContent-Type: text/plain; charset=\"" + c.folded + "\"\r\n"),
+              std::string::npos)
+        << ::testing::PrintToString(bytes);
+    EXPECT_EQ(bytes.find('\0'), std::string::npos);
+    EXPECT_EQ(StrayHeaderLines(bytes), std::vector<std::string>());
+    MailMessage back = Reload(dir);
+    EXPECT_EQ(back.CountHeaders(kFieldBcc), 0);
+    EXPECT_EQ(*back.HeaderValue(kFieldTo, 0), "li@example.net");
+    ASSERT_TRUE(back.TextBody());
+    EXPECT_EQ(back.TextBody()->text, "body\r\n");  // a message ends with a line end
+
+    if (!c.fileName) continue;
+    WriteFile(dir / c.value, "attached");
+    message.AddAttachmentFile(dir / c.value);
+    bytes = Compose(message, dir);
+    EXPECT_EQ(StrayHeaderLines(bytes), std::vector<std::string>())
+        << ::testing::PrintToString(bytes);
+    back = Reload(dir);
+    ASSERT_EQ(back.AttachmentCount(), 1);
+    EXPECT_EQ(back.SaveAttachment(0, dir / "saved"), 8);
+  }
 }
 
 TEST(MimeComposerTest, FoldsLongFieldsAtWhitespaceWithoutChangingThem) {

@@ -7,6 +7,8 @@
 
 #include <regex>
 
+#include "protocol/buffer_data_source.h"
+#include "protocol/mapped_file_data_source.h"
 #include "protocol/sasl_encoding.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
@@ -293,6 +295,7 @@ TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
   MailMessage message = Message("Ann <a@example.com>,b@example.com", "line one\r\n");
   message.AppendHeader("hidden@example.net", kFieldBcc);
   message.AppendHeader("3", kFieldCustom, "X-Priority:");
+  message.AppendHeader("dotted", kFieldCustom, ".X-Dotted:");
   EXPECT_EQ(client.SendMail(message), 0);
   client.SMTPClose();
   ASSERT_TRUE(peer.Finish()) << peer.Errors();
@@ -313,6 +316,8 @@ TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
             0u)
       << test::Printable(first, 400);
   EXPECT_EQ(HeaderOf(first, "X-Priority"), "3");
+  // The header lines are stuffed like the body's.
+  EXPECT_NE(first.find("\r\n..X-Dotted: dotted\r\n"), std::string::npos);
   EXPECT_NE(HeaderOf(first, "Content-Type").find("text/plain"), std::string::npos);
   EXPECT_TRUE(first.ends_with("\r\n\r\nline one\r\n\r\n.\r\n")) << test::Printable(first, 800);
   std::regex date(
@@ -322,18 +327,149 @@ TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
   EXPECT_EQ(first.find("\r\nDate: ", first.find("\r\nDate: ") + 1), std::string::npos);
 }
 
-TEST(SmtpSend, DotStuffingAndTheTerminator) {
-  std::string data;
-  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
-                          test::SmtpTransaction("sender@example.org", "a@example.com", data)}));
-  SmtpClient client;
-  ASSERT_EQ(Connect(client, peer), 0);
-  EXPECT_EQ(
-      client.SendMail(Message("a@example.com", ".starts with a dot\r\n..two\r\n.\r\nend\r\n")), 0);
-  ASSERT_TRUE(peer.Finish()) << peer.Errors();
-  EXPECT_NE(data.find("\r\n\r\n..starts with a dot\r\n...two\r\n..\r\nend\r\n\r\n.\r\n"),
-            std::string::npos)
-      << test::Printable(data, 800);
+// A message source holding exactly `bytes` (NULs included).
+std::unique_ptr<DataSource> Source(const std::string& bytes) {
+  auto source = std::make_unique<MappedFileDataSource>(0, "body");
+  EXPECT_EQ(source->Open(DataSource::kOpenWrite), 0);
+  EXPECT_EQ(source->Write(bytes.data(), static_cast<int>(bytes.size())),
+            static_cast<int>(bytes.size()));
+  EXPECT_EQ(source->Close(), 0);
+  return source;
+}
+
+std::string Repeat(const std::string& piece, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += piece;
+  return out;
+}
+
+TEST(SmtpSend, HostileTextCanNeitherEndTheDataNorStartAHeader) {
+  // Each value is the Subject (where it ends at a NUL, as header data does)
+  // and the body of one transaction, which the server must take as exactly
+  // these bytes: the subject's line breaks as folds; the body with CRLF line
+  // ends and a "." before every line that starts with one, so that only the
+  // client's own terminator ends the data. "full" sends the body as the
+  // whole-message source, whose long lines are not broken.
+  const std::string smuggled =
+      "Hi\r\n.\r\nMAIL FROM:<x@example.org>\r\nRCPT TO:<victim@example.org>\r\nDATA\r\n";
+  const std::string longLine = std::string(999, 'x') + "." + std::string(500, 'y');
+  struct Case {
+    const char* what;
+    std::string value;
+    std::string subject;
+    std::string body;
+    bool full = false;
+  };
+  const std::vector<Case> cases = {
+      {"CR LF . CR LF and commands", smuggled,
+       "Hi\r\n .\r\n MAIL FROM:<x@example.org>\r\n RCPT TO:<victim@example.org>\r\n DATA",
+       "Hi\r\n..\r\nMAIL FROM:<x@example.org>\r\nRCPT TO:<victim@example.org>\r\nDATA\r\n"},
+      {"lines starting with dots", ".starts with a dot\r\n..two\r\n.\r\nend\r\n",
+       ".starts with a dot\r\n ..two\r\n .\r\n end",
+       "..starts with a dot\r\n...two\r\n..\r\nend\r\n"},
+      {"lone CR", "a\r.\rMAIL FROM:<x@example.org>", "a\r\n .\r\n MAIL FROM:<x@example.org>",
+       "a\r\n..\r\nMAIL FROM:<x@example.org>\r\n"},
+      {"lone LF", "a\n.\nMAIL FROM:<x@example.org>\n", "a\r\n .\r\n MAIL FROM:<x@example.org>",
+       "a\r\n..\r\nMAIL FROM:<x@example.org>\r\n"},
+      {"lone LF, whole message", "a\n.\nMAIL FROM:<x@example.org>\n",
+       "a\r\n .\r\n MAIL FROM:<x@example.org>", "a\r\n..\r\nMAIL FROM:<x@example.org>\r\n", true},
+      {"NUL", std::string(".\0\r\n.\0", 6), ".", std::string("..\0\r\n..\0\r\n", 10)},
+      {"a lone dot", ".", ".", "..\r\n"},
+      {"long runs of breaks",
+       "a" + Repeat("\r\n", 300) + Repeat("\r", 300) + "." + Repeat("\n", 300) + ".",
+       "a\r\n .\r\n .", "a" + Repeat("\r\n", 600) + ".." + Repeat("\r\n", 300) + "..\r\n"},
+      // A line over 1000 bytes is sent as two; the second starts a line.
+      {"long line", longLine, longLine,
+       std::string(999, 'x') + ".\r\n" + std::string(500, 'y') + "\r\n"},
+      // Pieces of a long line are one line: a "." inside it stays single.
+      {"long line, whole message", longLine, longLine, longLine, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string data;
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                            test::SmtpTransaction("sender@example.org", "a@example.com", data)}));
+    SmtpClient client;
+    ASSERT_EQ(Connect(client, peer), 0);
+    MailMessage message;
+    message.AppendHeader("Sender Name<sender@example.org>", kFieldFrom);
+    message.AppendHeader(c.value.c_str(), kFieldSubject);
+    std::unique_ptr<DataSource> body = Source(c.value);
+    BufferDataSource none(8);
+    long sent = 0;
+    EXPECT_EQ(
+        client.SendRecipient("a@example.com", message, {"a@example.com"}, {}, 1, sent,
+                             c.full ? none : *body, c.full ? body.get() : nullptr, c.full ? 1 : 0),
+        0);
+    ASSERT_TRUE(peer.Finish()) << peer.Errors();
+    size_t date = data.find("\r\nDate: ");
+    if (date != std::string::npos)
+      data.replace(date + 8, data.find("\r\n", date + 2) - date - 8, "*");
+    EXPECT_EQ(data, "From: Sender Name<sender@example.org>\r\nTo: a@example.com\r\nSubject: " +
+                        c.subject + "\r\nDate: *\r\n\r\n" + c.body + "\r\n.\r\n")
+        << test::Printable(data, 2000);
+  }
+}
+
+TEST(SmtpSend, CommandArgumentsWithLineBreaksOrNulAreRefusedUnsent) {
+  // An EHLO name, a sender or a recipient that would end its command line
+  // early: the command is never sent, and fails as a refused one does (54,
+  // 12, 67); the session is still fit to QUIT.
+  struct Case {
+    const char* what;
+    std::string localName = "localhost";
+    std::string from = "Sender <sender@example.org>";
+    std::string recipient = "a@example.com";
+    int code;
+  };
+  const std::vector<Case> cases = {
+      {.what = "EHLO, CR LF", .localName = "localhost\r\nMAIL FROM:<x@example.org>", .code = 54},
+      {.what = "EHLO, lone LF", .localName = "localhost\nRSET", .code = 54},
+      {.what = "EHLO, lone CR", .localName = "localhost\r", .code = 54},
+      {.what = "MAIL, CR LF",
+       .from = "Sender <s@example.org\r\nRCPT TO:<v@example.org>>",
+       .code = 12},
+      {.what = "MAIL, lone CR", .from = "s@example.org\rRSET", .code = 12},
+      {.what = "MAIL, lone LF", .from = "<s@example.org\n>", .code = 12},
+      {.what = "RCPT, CR LF", .recipient = "v@example.org\r\nDATA", .code = 67},
+      {.what = "RCPT, lone LF", .recipient = "<v@example.org\n.>", .code = 67},
+      {.what = "RCPT, lone CR", .recipient = "v@example.org\r", .code = 67},
+      {.what = "RCPT, NUL", .recipient = std::string("v@example.org\0.evil", 19), .code = 67},
+      {.what = "RCPT, a long run", .recipient = "v@example.org" + Repeat("\r\n", 500), .code = 67},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<Step> script = {Send("220 mail.test ESMTP\r\n")};
+    std::string sent;
+    if (c.code != 54) {
+      script = Greeting("250-x\r\n250 HELP\r\n");
+      sent = "EHLO localhost\r\n";
+    }
+    if (c.code == 67) {
+      script.push_back(Expect("MAIL FROM:<sender@example.org>\r\n"));
+      script.push_back(Send("250 OK\r\n"));
+      sent += "MAIL FROM:<sender@example.org>\r\n";
+    }
+    script.push_back(Expect("QUIT\r\n"));
+    ScriptedPeer peer(std::move(script));
+    SmtpClient client;
+    client.SetPort(peer.port());
+    int result = client.SMTPConnect("127.0.0.1", c.localName.c_str());
+    if (c.code != 54) {
+      ASSERT_EQ(result, 0);
+      MailMessage message = Message("a@example.com", "hi\r\n");
+      message.RemoveHeaders(kFieldFrom);
+      message.AppendHeader(c.from.c_str(), kFieldFrom);
+      BufferDataSource body(8);
+      long bytes = 0;
+      result = client.SendRecipient(std::string_view(c.recipient), message, {"a@example.com"}, {},
+                                    1, bytes, body, nullptr, 0);
+    }
+    EXPECT_EQ(result, c.code);
+    client.SMTPClose();
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+    EXPECT_EQ(peer.Received(), sent + "QUIT\r\n");
+  }
 }
 
 TEST(SmtpSend, ARefusedRecipientStopsTheOnesAfterIt) {
