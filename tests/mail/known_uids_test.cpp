@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "mail/cached_message.h"
 #include "support/temp_dir.h"
 
 namespace corvane {
@@ -53,13 +54,23 @@ TEST(KnownUidsTest, PruneDeletesCachedTextsOfIdsThatLeftAndAddKeepsOrder) {
   EXPECT_EQ(known, (Ids{"kept", "new", "later"}));
 }
 
-TEST(KnownUidsTest, AnIdHoldingASlashNamesAFileInsideTheCache) {
+TEST(KnownUidsTest, AnIdNamesAFileInsideTheCacheAndNowhereElse) {
   test::TempDir dir;
   std::filesystem::create_directories(dir / "cache");
   test::WriteFile(dir / "outside.txt", "keep me");
   Ids known = {"../outside"};
   EXPECT_EQ(PruneKnownUids(known, {}, dir / "cache/"), 1);
   EXPECT_EQ(test::ReadFile(dir / "outside.txt"), "keep me");
+
+  // Every id names one file of the directory itself, and no two ids one file.
+  const std::vector<std::pair<std::string, std::string>> names = {
+      {"../../etc/passwd", "..%2F..%2Fetc%2Fpasswd.txt"},
+      {"..", "%2E%2E.txt"},
+      {"a\\..\\b", "a%5C..%5Cb.txt"},
+      {"%2e%2e", "%252e%252e.txt"},
+      {"m\r\n1\x7F", "m%0D%0A1%7F.txt"},
+  };
+  for (const auto& [id, name] : names) EXPECT_EQ(CachedMessagePath("/c/", id), "/c/" + name) << id;
 }
 
 }  // namespace

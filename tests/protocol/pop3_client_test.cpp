@@ -81,6 +81,17 @@ TEST_F(Pop3ClientTest, CountSizeAndTheirMalformedReplies) {
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
 }
 
+TEST_F(Pop3ClientTest, LoginTextThatWouldNotStayOneLineIsRefusedBeforeConnecting) {
+  for (const char* hostile : {"joe\r\nDELE 1", "joe\rDELE 1", "joe\nDELE 1", "\r\n"}) {
+    ScriptedPeer peer({}, 200);
+    client_.SetPort(peer.port());
+    EXPECT_EQ(client_.POP3Connect("127.0.0.1", hostile, "pw"), 106) << hostile;
+    EXPECT_EQ(client_.POP3Connect("127.0.0.1", "joe", hostile), 106) << hostile;
+    peer.Finish();
+    EXPECT_EQ(peer.Connections(), 0) << hostile;
+  }
+}
+
 TEST_F(Pop3ClientTest, HugeCountsAreCappedAndUidlKeepsNoMoreIdsThanTheCount) {
   ScriptedPeer peer(Login({Expect("STAT\r\n"), Send("+OK 2147483647 100\r\n"), Expect("STAT\r\n"),
                            Send("+OK 99999999999999999999 1\r\n"), Expect("STAT\r\n"),
