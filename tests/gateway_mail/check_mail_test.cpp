@@ -12,6 +12,7 @@
 #include "gateway_mail/gateway_client.h"
 #include "pop3/pop3_server_env.h"
 #include "support/gateway_process.h"
+#include "support/pop3_script.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 
@@ -164,17 +165,8 @@ TEST_F(CheckMailTest, AGatewayKilledRightAfterANoticeNeverRepeatsIt) {
                       "[ -e \"$(dirname \"$0\")/crashed\" ] ||"
                       " { touch \"$(dirname \"$0\")/crashed\"; kill -KILL $PPID; }\n");
   auto login = [](std::vector<test::Step> then) {
-    std::vector<test::Step> steps = {test::Send("+OK\r\n"),
-                                     test::Expect("USER joe\r\n"),
-                                     test::Send("+OK\r\n"),
-                                     test::Expect("PASS pw\r\n"),
-                                     test::Send("+OK\r\n"),
-                                     test::Expect("STAT\r\n"),
-                                     test::Send("+OK 2 99\r\n"),
-                                     test::Expect("UIDL\r\n"),
-                                     test::Send("+OK\r\n1 first\r\n2 second\r\n.\r\n")};
-    steps.insert(steps.end(), then.begin(), then.end());
-    return steps;
+    return test::Join(
+        {test::Pop3Login(), test::Pop3Listing(2, "1 first\r\n2 second\r\n"), std::move(then)});
   };
   std::vector<test::Step> script =
       login({test::Expect("TOP 1 0\r\n"), test::Send("+OK\r\nSubject: one\r\n\r\n.\r\n"),

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "support/gateway_process.h"
+#include "support/pop3_script.h"
 #include "support/scripted_peer.h"
 #include "transport/counted_string.h"
 #include "transport/wx_codec.h"
@@ -298,23 +299,16 @@ std::vector<test::Step> SilentPop3() {
   return {test::Send("+OK ready\r\n"), test::Expect("USER joe\r\n"), test::Drain(120000)};
 }
 std::vector<test::Step> TricklingPop3() {
-  return {test::Send("+OK ready\r\n"),
-          test::Expect("USER joe\r\n"),
-          test::Send("+OK\r\n"),
-          test::Expect("PASS pw\r\n"),
-          test::Send("+OK\r\n"),
-          test::Expect("STAT\r\n"),
-          test::Send("+OK 1 9\r\n"),
-          test::Expect("UIDL\r\n"),
-          test::Send("+OK\r\n1 a\r\n.\r\n"),
-          test::Expect("TOP 1 0\r\n"),
-          test::Do([](test::PeerSession& session, std::string&) {
-            session.Write("+OK\r\n");
-            for (int i = 0; i < 600 && session.Write("X-Slow: y\r\n"); ++i) {
-              std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            }
-            return true;
-          })};
+  return test::Join(
+      {test::Pop3Login(),
+       test::Pop3Listing(1, "1 a\r\n"),
+       {test::Expect("TOP 1 0\r\n"), test::Do([](test::PeerSession& session, std::string&) {
+          session.Write("+OK\r\n");
+          for (int i = 0; i < 600 && session.Write("X-Slow: y\r\n"); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+          }
+          return true;
+        })}});
 }
 
 std::string ListMailAt(const test::ScriptedPeer& server) {

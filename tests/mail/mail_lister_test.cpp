@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "support/mail_request.h"
+#include "support/pop3_script.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
@@ -30,21 +31,10 @@ class MailListerTest : public ::testing::Test {
   // A login, the count and the id list, then `rest`, then QUIT.
   static std::vector<Step> Session(int count, const std::string& uidl, std::vector<Step> rest,
                                    const std::string& login = "joe") {
-    std::vector<Step> steps = {Send("+OK ready\r\n"),
-                               Expect("USER " + login + "\r\n"),
-                               Send("+OK\r\n"),
-                               Expect("PASS pw\r\n"),
-                               Send("+OK\r\n"),
-                               Expect("STAT\r\n"),
-                               Send("+OK " + std::to_string(count) + " 999\r\n")};
-    if (count > 0) {
-      steps.push_back(Expect("UIDL\r\n"));
-      steps.push_back(Send("+OK\r\n" + uidl + ".\r\n"));
-    }
-    steps.insert(steps.end(), rest.begin(), rest.end());
-    steps.push_back(Expect("QUIT\r\n"));
-    steps.push_back(Send("+OK\r\n"));
-    return steps;
+    return test::Join({test::Pop3Login(login),
+                       test::Pop3Listing(count, uidl),
+                       std::move(rest),
+                       {Expect("QUIT\r\n"), Send("+OK\r\n")}});
   }
 
   // Runs one listing the way the dispatcher does; the answer's entries.

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "support/mail_request.h"
+#include "support/pop3_script.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
 
@@ -28,20 +29,11 @@ class MailReceiverTest : public ::testing::Test {
   // Login, count, id list and LIST of the one message "m1" of `size` bytes,
   // then `retr` (the steps from "RETR 1" on).
   static std::vector<Step> Session(long size, std::vector<Step> retr) {
-    std::vector<Step> steps = {Send("+OK ready\r\n"),
-                               Expect("USER joe\r\n"),
-                               Send("+OK\r\n"),
-                               Expect("PASS pw\r\n"),
-                               Send("+OK\r\n"),
-                               Expect("STAT\r\n"),
-                               Send("+OK 1 1\r\n"),
-                               Expect("UIDL\r\n"),
-                               Send("+OK\r\n1 m1\r\n.\r\n"),
-                               Expect("LIST 1\r\n"),
-                               Send("+OK 1 " + std::to_string(size) + "\r\n"),
-                               Expect("RETR 1\r\n")};
-    steps.insert(steps.end(), retr.begin(), retr.end());
-    return steps;
+    return test::Join({test::Pop3Login(),
+                       test::Pop3Listing(1, "1 m1\r\n"),
+                       {Expect("LIST 1\r\n"), Send("+OK 1 " + std::to_string(size) + "\r\n"),
+                        Expect("RETR 1\r\n")},
+                       std::move(retr)});
   }
 
   // Fetches "m1" with a POP3 time-out of 1 s and renders it as the dispatcher

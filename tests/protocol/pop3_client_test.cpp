@@ -5,6 +5,7 @@
 
 #include "protocol/buffer_data_source.h"
 #include "service/limits.h"
+#include "support/pop3_script.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
 
@@ -19,11 +20,7 @@ using test::Step;
 
 // The login every session below starts with.
 std::vector<Step> Login(std::vector<Step> then) {
-  std::vector<Step> script = {Send("+OK ready\r\n"), Expect("USER joe\r\n"), Send("+OK\r\n"),
-                              Expect("PASS pw\r\n"), Send("+OK logged in\r\n")};
-  script.insert(script.end(), std::make_move_iterator(then.begin()),
-                std::make_move_iterator(then.end()));
-  return script;
+  return test::Join({test::Pop3Login(), std::move(then)});
 }
 
 class Pop3ClientTest : public ::testing::Test {

@@ -272,6 +272,16 @@ inline Step Accept(int waitMs = kPeerWaitMs) {
   return Step{Step::Kind::kAccept, {}, waitMs, nullptr};
 }
 
+// The steps of every part, in order.
+inline std::vector<Step> Join(std::vector<std::vector<Step>> parts) {
+  std::vector<Step> all;
+  for (auto& part : parts) {
+    all.insert(all.end(), std::make_move_iterator(part.begin()),
+               std::make_move_iterator(part.end()));
+  }
+  return all;
+}
+
 // A port on 127.0.0.1 that nothing listens on: bound once, then let go.
 inline uint16_t ClosedPort() {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);

@@ -9,15 +9,6 @@
 
 namespace corvane::test {
 
-inline std::vector<Step> Join(std::vector<std::vector<Step>> parts) {
-  std::vector<Step> all;
-  for (auto& part : parts) {
-    all.insert(all.end(), std::make_move_iterator(part.begin()),
-               std::make_move_iterator(part.end()));
-  }
-  return all;
-}
-
 // The greeting, the client's EHLO as "localhost" and `ehloReply`.
 inline std::vector<Step> SmtpGreeting(const std::string& ehloReply) {
   return {Send("220 mail.test ESMTP\r\n"), Expect("EHLO localhost\r\n"), Send(ehloReply)};
