@@ -7,18 +7,33 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
 namespace corvane {
 
 struct OperationDeadline::Scope {
+  using Clock = std::chrono::steady_clock;
+
+  std::optional<Clock::time_point> end;  // none: only the stop ends it
   std::mutex lock;
   std::condition_variable wake;
   std::vector<int> sockets;
   bool closing = false;
   std::atomic<bool> expired{false};
-  std::thread watchdog;
+  std::thread watchdog;  // started with the first watched socket
+
+  // Shuts the watched sockets down at the end, unless the scope closes first.
+  void StartWatchdog() {
+    if (!end || watchdog.joinable()) return;
+    watchdog = std::thread([this] {
+      std::unique_lock guard(lock);
+      if (wake.wait_until(guard, *end, [this] { return closing; })) return;
+      guard.unlock();
+      Expire();
+    });
+  }
 
   // Shuts the watched sockets down; they stay open (and watched) until their
   // client closes them.
@@ -44,15 +59,7 @@ OperationDeadline::OperationDeadline(std::chrono::milliseconds budget) {
   if (t_scope != nullptr) return;
   auto scope = std::make_unique<Scope>();
   Scope* raw = scope.get();
-  if (budget.count() > 0) {
-    const auto end = std::chrono::steady_clock::now() + budget;
-    raw->watchdog = std::thread([raw, end] {
-      std::unique_lock guard(raw->lock);
-      if (raw->wake.wait_until(guard, end, [raw] { return raw->closing; })) return;
-      guard.unlock();
-      raw->Expire();
-    });
-  }
+  if (budget.count() > 0) raw->end = Scope::Clock::now() + budget;
   {
     std::lock_guard guard(g_scopesLock);
     g_scopes.push_back(raw);
@@ -80,9 +87,13 @@ OperationDeadline::~OperationDeadline() {
 
 void OperationDeadline::Watch(int socket) {
   if (t_scope == nullptr || socket < 0) return;
-  std::lock_guard guard(t_scope->lock);
-  t_scope->sockets.push_back(socket);
-  if (t_scope->expired) ::shutdown(socket, SHUT_RDWR);
+  {
+    std::lock_guard guard(t_scope->lock);
+    t_scope->sockets.push_back(socket);
+    if (t_scope->expired) ::shutdown(socket, SHUT_RDWR);
+  }
+  // An operation that never opens a socket (ConfigMail) costs no thread.
+  t_scope->StartWatchdog();
 }
 
 void OperationDeadline::Unwatch(int socket) {
@@ -93,7 +104,9 @@ void OperationDeadline::Unwatch(int socket) {
 }
 
 bool OperationDeadline::Expired() {
-  return g_stopping || (t_scope != nullptr && t_scope->expired);
+  if (g_stopping) return true;
+  if (t_scope == nullptr) return false;
+  return t_scope->expired || (t_scope->end && Scope::Clock::now() >= *t_scope->end);
 }
 
 void OperationDeadline::StopAll() {
