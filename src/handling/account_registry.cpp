@@ -111,9 +111,20 @@ void AccountRegistry::PlaceCache(Account& account) const {
       MailboxCacheDirectory(programDirectory_, account.login, account.pop3Host, account.port);
   if (directory == account.cacheDirectory) return;
   std::string listPath = directory + "mail.list";
-  if (!account.mailListPath.empty() && access(account.mailListPath.c_str(), F_OK) == 0) {
+  std::string previous = account.mailListPath;
+  if (previous.empty()) {
+    // Earlier versions kept the list under the bare account key: it moves
+    // into the new place, so that an upgrade announces no old mail again.
+    // Only a key that is one plain file name is looked at.
+    const std::string key = account.Key();
+    if (EscapeFileNamePart(key) == key) {
+      previous = programDirectory_ + "/cache/" + key + "/mail.list";
+    }
+  }
+  if (!previous.empty() && access(previous.c_str(), F_OK) == 0 &&
+      access(listPath.c_str(), F_OK) != 0) {
     EnsureDirectory(directory);
-    std::rename(account.mailListPath.c_str(), listPath.c_str());
+    std::rename(previous.c_str(), listPath.c_str());
   }
   account.cacheDirectory = directory;
   account.mailListPath = listPath;

@@ -123,6 +123,26 @@ TEST_F(AccountRegistryTest, AddPlacesTheCacheByServerAndPortAndRefusesATakenKey)
   EXPECT_FALSE(std::filesystem::exists(dir_.path() + "/cache/joe@pop.local:110/mail.list"));
 }
 
+TEST_F(AccountRegistryTest, AKnownIdListOfTheOldCacheLayoutMovesIntoTheNewOne) {
+  // Earlier versions: cache/<key>/mail.list, the key alone for a login with "@".
+  std::filesystem::create_directories(dir_ / "cache/joe@pop.local");
+  std::filesystem::create_directories(dir_ / "cache/ann@example.com");
+  test::WriteFile(dir_ / "cache/joe@pop.local/mail.list", "a,b");
+  test::WriteFile(dir_ / "cache/ann@example.com/mail.list", "c");
+  auto registry = NewRegistry();
+  ASSERT_TRUE(registry->Add(MakeAccount("joe,pop.local,pw,110,139,1")));
+  ASSERT_TRUE(registry->Add(MakeAccount("ann@example.com,pop.local,pw,995,138,1")));
+  EXPECT_EQ(test::ReadFile(registry->Find("joe@pop.local")->mailListPath), "a,b");
+  EXPECT_EQ(test::ReadFile(registry->Find("ann@example.com")->mailListPath), "c");
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "cache/joe@pop.local/mail.list"));
+  // A key that is not one plain file name is never followed.
+  std::filesystem::create_directories(dir_ / "outside");
+  std::filesystem::create_directories(dir_ / "cache/x@");
+  test::WriteFile(dir_ / "outside/mail.list", "x");
+  ASSERT_TRUE(registry->Add(MakeAccount("x@/../../outside,pop.local,pw,110,1,1")));
+  EXPECT_EQ(test::ReadFile(dir_ / "outside/mail.list"), "x");
+}
+
 TEST(MailboxCacheDirectoryTest, EveryMailboxIsOneEntryOfCacheOfItsOwn) {
   struct Case {
     std::string login;
