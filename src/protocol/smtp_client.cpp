@@ -16,6 +16,7 @@
 #include "protocol/reply_field.h"
 #include "protocol/sasl_encoding.h"
 #include "service/decimal_text.h"
+#include "service/limits.h"
 
 namespace corvane {
 namespace {
@@ -217,8 +218,9 @@ bool SmtpClient::SendCommand(std::string_view command) {
 
 int SmtpClient::GetResponseCode(int timeoutSeconds) {
   if (ReadLine(kLineRoom, timeoutSeconds) < 3) return 0;
-  while (line_[3] == '-') {
-    if (ReadLine(kLineRoom, timeoutSeconds) < 3) return 0;
+  for (int lines = 1; line_[3] == '-'; ++lines) {
+    // A server that never ends its reply gets no more of our time: no reply.
+    if (lines >= limits::kMaxReplyLines || ReadLine(kLineRoom, timeoutSeconds) < 3) return 0;
   }
   return ReadDecimal(ReplyField(line_, " ", 0));
 }
@@ -294,7 +296,7 @@ int SmtpClient::StartTls(const char* host, const char* localName) {
 }
 
 int SmtpClient::ParseExtensions() {
-  for (;;) {
+  for (int lines = 1;; ++lines) {
     if (ReplyField(line_, "- ", 0) != "250") return kNetHelloFailed;
     std::string name = ReplyField(line_, "- \r\n", 1);
     if (name == "STARTTLS") {
@@ -308,6 +310,7 @@ int SmtpClient::ParseExtensions() {
     }
     // The reply ends where the socket runs dry, not at its "250 " line.
     if (!IsDataWaiting()) return kNetOk;
+    if (lines >= limits::kMaxReplyLines) return kNetHelloFailed;  // an endless list
     if (ReadLine(kLineRoom, responseTimeOut_) < 1) return kNetHelloFailed;
   }
 }

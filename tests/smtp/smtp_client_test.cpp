@@ -5,11 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
+#include <thread>
 
 #include "protocol/buffer_data_source.h"
 #include "protocol/mapped_file_data_source.h"
 #include "protocol/sasl_encoding.h"
+#include "service/limits.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "support/smtp_script.h"
@@ -93,6 +96,58 @@ TEST(SmtpGreeting, BadGreetingOrHeloAndNoServer) {
   SmtpClient client;
   client.SetPort(test::ClosedPort());
   EXPECT_NE(client.SMTPConnect("127.0.0.1", "localhost"), 0);
+}
+
+// Writes `line` up to 5000 times (every millisecond with `paced`) until the
+// client goes; how many it wrote lands in `written`.
+Step EndlessReply(std::string line, bool paced, int& written) {
+  return test::Do([line, paced, &written](test::PeerSession& session, std::string&) {
+    for (written = 0; written < 5000 && session.Write(line); ++written) {
+      if (paced) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  });
+}
+
+TEST(SmtpReplies, AReplyThatNeverEndsIsAFailedReplyAfterItsLineBound) {
+  struct Case {
+    const char* where;
+    std::vector<Step> before;
+    std::string line;
+    bool connects;
+    int code;
+    // Paced, the client's leaving shows in the lines written; an EHLO reply
+    // ends where the socket runs dry, so there the lines come in one flood.
+    bool paced = true;
+  };
+  std::vector<Case> cases;
+  cases.push_back({"greeting", {}, "220-still greeting\r\n", false, 5});
+  cases.push_back({"EHLO reply",
+                   {Send("220 x\r\n"), Expect("EHLO localhost\r\n")},
+                   "250-AUTH LOGIN\r\n",
+                   false,
+                   54,
+                   false});
+  cases.push_back({"MAIL reply",
+                   Join({Greeting("250 HELP\r\n"), {Expect("MAIL FROM:<sender@example.org>\r\n")}}),
+                   "250-still thinking\r\n", true, 12});
+  for (Case& c : cases) {
+    int written = 0;
+    ScriptedPeer peer(Join({std::move(c.before), {EndlessReply(c.line, c.paced, written)}}));
+    {
+      SmtpClient client;
+      if (c.connects) {
+        ASSERT_EQ(Connect(client, peer), 0) << c.where;
+        EXPECT_EQ(client.SendMail(Message("a@example.com", "hi\r\n")), c.code) << c.where;
+      } else {
+        EXPECT_EQ(Connect(client, peer), c.code) << c.where;
+      }
+    }
+    peer.Finish();
+    if (!c.paced) continue;
+    EXPECT_LT(written, 5000) << c.where;  // the client left after its bound
+    EXPECT_GE(written, limits::kMaxReplyLines - 1) << c.where;
+  }
 }
 
 TEST(SmtpExtensions, StartTlsAndEveryAuthMethodAreNoted) {
