@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstdio>
+
 #include "protocol/operation_deadline.h"
 #include "service/process_log.h"
 #include "service/service_settings.h"
@@ -17,8 +19,18 @@ GatewayService::GatewayService()
   server_.SetIdleTimeoutMs(kIdleTimeoutMs);
 }
 
-void GatewayService::Run() {
+bool GatewayService::OnInit() {
   server_.SetPort(static_cast<uint16_t>(g_settings.listenPort));
+  if (!server_.Start()) {
+    WriteLog(kLogError, "Cannot listen on port %d\n", g_settings.listenPort);
+    std::fprintf(stderr, "corvane: cannot listen on port %d\n", g_settings.listenPort);
+    return false;
+  }
+  if (checkMail_) checkMail_->Start();
+  return true;
+}
+
+void GatewayService::Run() {
   server_.Run();
 }
 

@@ -18,11 +18,15 @@ class GatewayService : public TCService {
 
   GatewayService();
 
-  // The new-mail check, stopped by OnStop before the teardown it must not
-  // outlive.
+  // The new-mail check, started once the request port is bound and stopped
+  // by OnStop before the teardown it must not outlive.
   void SetCheckMail(CheckMailThread* checkMail) { checkMail_ = checkMail; }
 
-  // Serves on the configured port until `OnStop`; returns when stopped.
+  // Binds the configured port and starts accepting (and the new-mail
+  // check); false, logged, when the port cannot be bound. Only then does
+  // the service report itself ready.
+  bool OnInit() override;
+  // Serves until `OnStop`; returns when stopped.
   void Run() override;
   // Shuts the request server down, logs "Program terminal", tears down the
   // process-wide state and reports the service stopped.

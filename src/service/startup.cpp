@@ -69,11 +69,10 @@ int RunProgram(int argc, char** argv) {
   BlockStopSignals();
   CheckMailThread checkMail(g_settings.notifyProgram,
                             std::chrono::milliseconds(g_settings.checkIntervalMs));
-  checkMail.Start();
-  service.SetCheckMail(&checkMail);
+  service.SetCheckMail(&checkMail);  // started once the port is bound
   service.StartService();
   DestroyGlobals();  // nothing left to do when the stop routine ran
-  return 0;
+  return service.StartFailed() ? 1 : 0;
 }
 
 }  // namespace corvane

@@ -266,6 +266,7 @@ void TCService::ServiceMain() {
     // as if one had come.
   } else {
     wakeOnly = true;
+    startFailed_ = true;
   }
   if (!stopHandled) pthread_kill(controller.native_handle(), SIGTERM);
   controller.join();

@@ -66,6 +66,9 @@ class TCService {
   bool Uninstall();
   // Runs the service's main routine in the foreground until it has stopped.
   int StartService();
+  // True when the service could not start (OnInit failed): the process
+  // should exit non-zero, so that a supervisor retries.
+  bool StartFailed() const { return startFailed_; }
   // The control request `code` (kControlStop and the others).
   void Handler(unsigned long code);
   void SetStatus(unsigned long state);
@@ -98,6 +101,7 @@ class TCService {
   unsigned long statusHandle_ = 0;
   std::atomic<unsigned long> currentState_{kStopped};
   unsigned long exitCode_ = 0;
+  bool startFailed_ = false;
   std::atomic<bool> isRunning_{false};
   bool eventSourceOpen_ = false;
   std::atomic<int> lastEvent_{0};

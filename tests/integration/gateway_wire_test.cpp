@@ -10,7 +10,9 @@
 #include <thread>
 
 #include "support/gateway_process.h"
+#include "support/notify_socket.h"
 #include "support/pop3_script.h"
+#include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "transport/counted_string.h"
 #include "transport/wx_codec.h"
@@ -380,6 +382,38 @@ TEST(HostileMailServerTest, SigtermEndsTheGatewayWhileAMailServerHangs) {
   EXPECT_EQ(gateway.Stop(10), 0);
   client.join();
   EXPECT_NE(gateway.LogText().find(" Program terminal\n"), std::string::npos);
+}
+
+// Whether a connection to 127.0.0.1:port is accepted right now.
+bool Accepts(int port) {
+  RawClient client(port);
+  return client.connected();
+}
+
+TEST(ServiceReadinessTest, ReadyOnlyOnceThePortAcceptsAndATakenPortExitsNonZero) {
+  test::TempDir dir;
+  test::NotifySocket systemd(dir / "notify");
+  test::ScopedEnv notify("NOTIFY_SOCKET", (dir / "notify").c_str());
+  GatewayProcess gateway;
+  ASSERT_TRUE(gateway.Start(false));
+  EXPECT_EQ(systemd.Next().rfind("READY=1", 0), 0u);
+  EXPECT_TRUE(Accepts(gateway.port()));  // at once: the port was bound first
+  EXPECT_EQ(gateway.Stop(), 0);
+  EXPECT_EQ(systemd.Next().rfind("STOPPING=1", 0), 0u);
+
+  // A second gateway on a port that is taken: no READY, and a status a
+  // supervisor retries on.
+  GatewayProcess holder;
+  ASSERT_TRUE(holder.Start());
+  EXPECT_EQ(systemd.Next().rfind("READY=1", 0), 0u);
+  GatewayProcess second;
+  test::WriteFile(second.dir() / "config.ini",
+                  "[Application]\nport=" + std::to_string(holder.port()) + "\n");
+  ASSERT_TRUE(second.Start(false));
+  EXPECT_EQ(second.WaitForExit(10), 1);
+  EXPECT_EQ(systemd.Next(), "");
+  EXPECT_NE(second.LogText().find("Cannot listen on port " + std::to_string(holder.port())),
+            std::string::npos);
 }
 
 TEST(CliTest, EncodeAndDecodeRoundTripAndUnreachableGatewayIsAClearError) {

@@ -18,6 +18,7 @@
 
 #include "service/gateway_service.h"
 #include "service/program_paths.h"
+#include "support/notify_socket.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
 
@@ -154,34 +155,9 @@ TEST(ServiceControl, RequestsReachTheirRoutinesAndUnhandledOnesAreReported) {
   EXPECT_FALSE(service.IsRunning());
 }
 
-// A datagram socket standing in for systemd's notification socket.
-class NotifySocket {
- public:
-  explicit NotifySocket(const std::string& path) : path_(path) {
-    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    timeval wait{5, 0};
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  }
-  ~NotifySocket() { ::close(fd_); }
-  // The next message, empty when none came within 5 s.
-  std::string Next() {
-    char buffer[512];
-    ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
-  }
-
- private:
-  std::string path_;
-  int fd_ = -1;
-};
-
 TEST(ServiceRun, SigtermIsTheStopControlAndSystemdHearsEachStep) {
   test::TempDir dir;
-  NotifySocket systemd(dir / "notify");
+  test::NotifySocket systemd(dir / "notify");
   test::ScopedEnv notifySocket("NOTIFY_SOCKET", (dir / "notify").c_str());
   BlockStopSignals();  // as the program does before any thread starts
   RecordingService service;

@@ -63,21 +63,27 @@ class GatewayProcess {
     }
   }
 
-  // Starts the gateway and waits until it listens.
-  bool Start() {
+  // Starts the gateway and, unless told not to, waits until it listens.
+  bool Start(bool waitUntilListening = true) {
     pid_ = fork();
     if (pid_ == 0) {
       std::string path = dir_ / "corvane";
       execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }
-    return pid_ > 0 && WaitForListener(port_);
+    return pid_ > 0 && (!waitUntilListening || WaitForListener(port_));
   }
 
   // Sends SIGTERM and waits up to `seconds` for the exit; the exit status, or
   // -1 when the gateway did not stop in time.
   int Stop(int seconds = 30) {
     kill(pid_, SIGTERM);
+    return WaitForExit(seconds);
+  }
+
+  // Waits up to `seconds` for the gateway to exit on its own; the exit
+  // status, or -1 when it is still running.
+  int WaitForExit(int seconds) {
     for (int waited = 0; waited < seconds * 20; ++waited) {
       int status = 0;
       if (waitpid(pid_, &status, WNOHANG) == pid_) {
