@@ -52,7 +52,7 @@ std::string SafeFileName(std::string_view name) {
       safe += c;
     }
   }
-  if (safe.empty() || safe == "." || safe == "..") safe = "_";
+  if (safe.find_first_not_of('.') == std::string::npos && safe.size() <= 2) return "_";
   return safe;
 }
 

@@ -299,19 +299,6 @@ std::vector<test::Step> SilentPop3() {
   return {test::Send("+OK ready\r\n"), test::Expect("USER joe\r\n"), test::Drain(120000)};
 }
 
-// A step that writes `piece` again and again (after `first`) until the
-// client shuts the connection or `pauseMs` pauses add up to a minute.
-test::Step Endless(std::string first, std::string piece, int pauseMs = 0) {
-  return test::Do([first, piece, pauseMs](test::PeerSession& session, std::string&) {
-    session.Write(first);
-    for (int i = 0; i < 1000000 && session.Write(piece); ++i) {
-      if (pauseMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
-      if (pauseMs * i > 60000) break;
-    }
-    return true;
-  });
-}
-
 // A mailbox of one message whose TOP is answered by `top`, listed by STAT
 // with `count` messages.
 std::vector<test::Step> OneMessagePop3(std::vector<test::Step> top, int count = 1) {
@@ -335,14 +322,15 @@ TEST(HostileMailServerTest, EachRequestEndsWithAnAnswerWithinItsBounds) {
     const char* answer;  // a line of what the client is shown
   } cases[] = {
       {"silent after the greeting", SilentPop3(), "Log = Connect pop3 server error"},
-      {"a header line every 200 ms", OneMessagePop3({Endless("+OK\r\n", "X-Slow: y\r\n", 200)}),
+      {"a header line every 200 ms",
+       OneMessagePop3({test::Repeat("+OK\r\n", "X-Slow: y\r\n", 200)}),
        "Log = Connect pop3 server error"},
-      {"one header line without end", OneMessagePop3({Endless("+OK\r\nX-Long: ", "aaaaaaaa")}),
+      {"one header line without end", OneMessagePop3({test::Repeat("+OK\r\nX-Long: ", "aaaaaaaa")}),
        "Log = Connect pop3 server error"},
       {"an id list without end",
        test::Join({test::Pop3Login(),
                    {test::Expect("STAT\r\n"), test::Send("+OK 5 9\r\n"), test::Expect("UIDL\r\n"),
-                    Endless("+OK\r\n", "1 again\r\n")}}),
+                    test::Repeat("+OK\r\n", "1 again\r\n")}}),
        "Log = Connect pop3 server error"},
       {"a count of 2147483647",
        OneMessagePop3({test::Send("+OK\r\nSubject: counted\r\n.\r\n"), test::Expect("QUIT\r\n"),

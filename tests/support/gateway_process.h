@@ -105,6 +105,7 @@ class GatewayProcess {
   }
 
   int port() const { return port_; }
+  pid_t pid() const { return pid_; }
   const TempDir& dir() const { return dir_; }
 
  private:

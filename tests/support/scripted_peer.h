@@ -272,6 +272,20 @@ inline Step Accept(int waitMs = kPeerWaitMs) {
   return Step{Step::Kind::kAccept, {}, waitMs, nullptr};
 }
 
+// A step that writes `first`, then `piece` again and again (`pauseMs`
+// apart) until the client shuts the connection, or for about a minute of
+// pauses, or a million times.
+inline Step Repeat(std::string first, std::string piece, int pauseMs = 0) {
+  return Do([first, piece, pauseMs](PeerSession& session, std::string&) {
+    session.Write(first);
+    for (int i = 0; i < 1000000 && session.Write(piece); ++i) {
+      if (pauseMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+      if (pauseMs * i > 60000) break;
+    }
+    return true;
+  });
+}
+
 // The steps of every part, in order.
 inline std::vector<Step> Join(std::vector<std::vector<Step>> parts) {
   std::vector<Step> all;
