@@ -3,9 +3,21 @@
 #include "protocol/command_text.h"
 #include "protocol/ftp_client.h"
 #include "protocol/net_codes.h"
+#include "protocol/net_error.h"
 #include "service/process_log.h"
 
 namespace corvane {
+namespace {
+
+// A failure's text and the server's last reply, which names the cause
+// ("530 Login incorrect."); the log writer escapes its control bytes.
+std::string FailureText(int code, const std::string& reply) {
+  std::string text = CNetError::GetErrorString(code);
+  if (!reply.empty()) text += " Server: " + reply;
+  return text;
+}
+
+}  // namespace
 
 std::optional<std::string> FtpPathOfUrl(std::string& destination) {
   if (destination.find("ftp://") == std::string::npos &&
@@ -22,9 +34,8 @@ std::optional<std::string> FtpPathOfUrl(std::string& destination) {
   return destination.substr(path);
 }
 
-int UploadToFtp(const std::string& host, const std::string& user, const std::string& password,
-                const std::string& localPath, const std::string& remoteName,
-                const std::optional<std::string>& remoteDirectory, unsigned port) {
+int UploadToFtp(const FtpServer& server, const std::string& localPath,
+                const std::string& remoteName, const std::optional<std::string>& remoteDirectory) {
   // A name or directory holding a line break or NUL is refused before any
   // connection: it would reach the server cut short or as a second command.
   if (!IsSafeCommandArgument(remoteName) ||
@@ -34,24 +45,32 @@ int UploadToFtp(const std::string& host, const std::string& user, const std::str
     return -1;
   }
   FtpClient ftp;
-  ftp.SetServerPort(port);
-  if (ftp.FtpConnect(host.c_str(), user.c_str(), password.c_str(), "") != kNetOk) {
-    WriteLog(kLogError, "Connect ftp server %s error\n", host.c_str());
+  ftp.SetServerPort(server.port);
+  ftp.SetPassive(server.passive);
+  int result =
+      ftp.FtpConnect(server.host.c_str(), server.user.c_str(), server.password.c_str(), "");
+  if (result != kNetOk) {
+    WriteLog(kLogError, "Connect ftp server %s error: %s\n", server.host.c_str(),
+             FailureText(result, ftp.LastResponse()).c_str());
     return -1;
   }
   if (remoteDirectory && ftp.ChangeDir(remoteDirectory->c_str()) != kNetOk) {
-    if (ftp.MakeDir(remoteDirectory->c_str()) != kNetOk) {
+    result = ftp.MakeDir(remoteDirectory->c_str());
+    if (result != kNetOk) {
+      WriteLog(kLogError, "Make directory %s on ftp server %s error: %s\n",
+               remoteDirectory->c_str(), server.host.c_str(),
+               FailureText(result, ftp.LastResponse()).c_str());
       ftp.FtpClose();
       return -1;
     }
     ftp.ChangeDir(remoteDirectory->c_str());
   }
-  if (ftp.SendFile(localPath.c_str(), remoteName.c_str()) == kNetOk) {
-    ftp.FtpClose();
-    return 0;
-  }
+  result = ftp.SendFile(localPath.c_str(), remoteName.c_str());
+  const std::string reply = ftp.LastResponse();
   ftp.FtpClose();
-  WriteLog(kLogError, "Upload file %s to ftp server %s error\n", localPath.c_str(), host.c_str());
+  if (result == kNetOk) return 0;
+  WriteLog(kLogError, "Upload file %s to ftp server %s error: %s\n", localPath.c_str(),
+           server.host.c_str(), FailureText(result, reply).c_str());
   return -1;
 }
 

@@ -13,10 +13,19 @@ namespace corvane {
 // configured FTP server.
 std::optional<std::string> FtpPathOfUrl(std::string& destination);
 
+// The FTP server attachments go to, as configured.
+struct FtpServer {
+  std::string host;
+  std::string user;
+  std::string password;
+  unsigned port = 21;
+  bool passive = false;
+};
+
 // Uploads a local file under `remoteName` into `remoteDirectory` (made when
-// missing) on the FTP server; 0, or -1 after logging what failed.
-int UploadToFtp(const std::string& host, const std::string& user, const std::string& password,
-                const std::string& localPath, const std::string& remoteName,
-                const std::optional<std::string>& remoteDirectory, unsigned port = 21);
+// missing) on the FTP server; 0, or -1 after logging what failed with the
+// server's last reply.
+int UploadToFtp(const FtpServer& server, const std::string& localPath,
+                const std::string& remoteName, const std::optional<std::string>& remoteDirectory);
 
 }  // namespace corvane

@@ -238,8 +238,31 @@ void MailReceiver::ApplyDefaultBody(const std::optional<std::string>& defaultBod
   rendered_.body = *defaultBody;
 }
 
+bool MailReceiver::UploadAttachments() {
+  if (!ftpDirectory_) return true;
+  const FtpServer server{g_settings.ftpHost.value_or(""), g_settings.ftpLogin.value_or(""),
+                         g_settings.ftpPassword.value_or(""),
+                         static_cast<unsigned>(g_settings.ftpPort), g_settings.ftpPassive};
+  bool all = true;
+  for (RenderedMail::Attachment& attachment : rendered_.attachments) {
+    std::string path = attachmentDirectory_ + attachment.name;
+    WriteLog(kLogDebug, "Upload attachment file %s to ftp server %s\n", path.c_str(),
+             g_settings.ftpHost ? server.host.c_str() : "(null)");
+    if (UploadToFtp(server, path, attachment.name, ftpDirectory_) != 0) {
+      attachment.size = -1;
+      all = false;
+    }
+    std::remove(path.c_str());
+  }
+  return all;
+}
+
 void MailReceiver::WriteAnswer(wxEntryLog& answer) {
+  const bool uploaded = UploadAttachments();
   WriteSuccess(answer);
+  // The message itself was read; the client still learns that its files are
+  // not where it asked for them.
+  if (!uploaded) answer.AddEntryText(kEntryField, "Log", "Upload attachment to ftp server error");
   WriteParameterRecord(answer);
   const std::pair<const char*, const std::optional<std::string>*> fields[] = {
       {"From", &rendered_.from},         {"To", &rendered_.to},     {"Cc", &rendered_.cc},
@@ -251,15 +274,6 @@ void MailReceiver::WriteAnswer(wxEntryLog& answer) {
   }
   for (size_t k = 0; k < rendered_.attachments.size(); ++k) {
     const RenderedMail::Attachment& attachment = rendered_.attachments[k];
-    if (ftpDirectory_) {
-      std::string path = attachmentDirectory_ + attachment.name;
-      std::string host = g_settings.ftpHost.value_or("");
-      WriteLog(kLogDebug, "Upload attachment file %s to ftp server %s\n", path.c_str(),
-               g_settings.ftpHost ? host.c_str() : "(null)");
-      UploadToFtp(host, g_settings.ftpLogin.value_or(""), g_settings.ftpPassword.value_or(""), path,
-                  attachment.name, ftpDirectory_);
-      std::remove(path.c_str());
-    }
     answer.AddEntryText(kEntryListItem, "Attachment" + std::to_string(k),
                         attachment.name + "," + std::to_string(attachment.size));
   }

@@ -20,7 +20,8 @@ struct RenderedMail {
   std::optional<std::string> from, to, cc, subject, date, body, priority;
   struct Attachment {
     std::string name;  // the file name it was saved under
-    int64_t size = 0;  // bytes decoded, -1 when it could not be written
+    // Bytes decoded; -1 when it could not be written, or uploaded.
+    int64_t size = 0;
   };
   std::vector<Attachment> attachments;
 };
@@ -60,7 +61,8 @@ class MailReceiver {
   void SaveAttachmentCopies();
   void ApplyDefaultBody(const std::optional<std::string>& defaultBody);
   // Writes the success answer; uploads FTP-bound attachments first and
-  // deletes their local copies, whether or not the upload worked.
+  // deletes their local copies, whether or not the upload worked. A failed
+  // upload lists its attachment with -1 and puts "Log" in the response.
   void WriteAnswer(wxEntryLog& answer);
   // Adds the id to the mailbox's known-id list.
   void RecordKnownUid();
@@ -75,6 +77,9 @@ class MailReceiver {
   int FetchFromServer(const std::string& cachedPath);
   std::optional<std::string> DisplayHeader(HeaderFieldId field) const;
   void SaveAttachmentsInto(std::string directory);
+  // Uploads the attachments to the configured FTP server when the request
+  // named one; false when any of them did not arrive.
+  bool UploadAttachments();
   const std::string& ScratchPath();
 
   const AccountRegistry& registry_;

@@ -6,6 +6,7 @@
 
 #include "protocol/command_text.h"
 #include "protocol/file_data_source.h"
+#include "protocol/ftp_passive_reply.h"
 #include "protocol/net_codes.h"
 #include "protocol/socket_wait.h"
 #include "service/decimal_text.h"
@@ -75,9 +76,15 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
   if (result != kNetOk) return OnError(result);
   connected_ = true;
 
-  // The greeting is not read on its own: it is the first reply after USER.
-  SendLine(*userLine);
+  // The greeting is read before USER, as every server expects (taken as
+  // USER's reply, it put every later reply one command late). A "120" asks
+  // to wait for the "220" that follows.
   int code = GetReplyCode();
+  if (code == 120) code = GetReplyCode();
+  if (code == 0) return OnError(kNetNoResponse);
+  if (!Between(code, 200, 299)) return OnError(kNetConnectFailed);
+  SendLine(*userLine);
+  code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
   if (!Between(code, 200, 399)) return OnError(kNetUserRejected);
   if (Between(code, 300, 399)) {
@@ -92,7 +99,9 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
       if (!Between(code, 200, 399)) return OnError(kNetAcctRejected);
     }
   }
-  SetTransferType(0);
+  // Binary: attachments must arrive byte for byte, and servers that store
+  // ASCII translate line ends.
+  SetTransferType(1);
   SetTransferMode(0);
   SetTransferStructure(0);
   return OnError(kNetOk);
@@ -154,12 +163,9 @@ int FtpClient::AcceptServerDataConnection(int seconds) {
   }
 }
 
-int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
-  std::optional<std::string> storLine = CommandLine("STOR %s\r\n", remoteName);
-  if (remoteName == nullptr || !storLine) return OnError(kNetInvalidParameter);
+int FtpClient::OfferActiveDataPort() {
   int result = OpenDataPort();
-  if (result != kNetOk) return OnError(result);
-
+  if (result != kNetOk) return result;
   std::string address = GetLocalAddress();
   std::replace(address.begin(), address.end(), '.', ',');
   char command[kMaxLine];
@@ -167,21 +173,43 @@ int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
                 dataPort_ % 256);
   Send(command, static_cast<int>(std::strlen(command)));
   if (++dataPort_ > kLastDataPort || dataPort_ < 0) dataPort_ = kFirstDataPort;
+  return Between(GetReplyCode(), 200, 299) ? kNetOk : kNetPortFailed;
+}
 
-  if (!Between(GetReplyCode(), 200, 299)) {
+int FtpClient::ConnectPassiveDataPort() {
+  std::optional<unsigned> port;
+  for (const char* command : {"EPSV\r\n", "PASV\r\n"}) {
+    SendLine(command);
+    const int code = GetReplyCode();
+    if (code == 0) return kNetNoResponse;
+    port = PassiveDataPort(code, lastResponse_);
+    if (port) break;
+  }
+  if (!port) return kNetDataPortUnavailable;
+  return dataConnection_.Connect(*port, GetRemoteAddress(), connectTimeOut_);
+}
+
+int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
+  std::optional<std::string> storLine = CommandLine("STOR %s\r\n", remoteName);
+  if (remoteName == nullptr || !storLine) return OnError(kNetInvalidParameter);
+  int result = passive_ ? ConnectPassiveDataPort() : OfferActiveDataPort();
+  if (result != kNetOk) {
     dataConnection_.CloseConnection();
-    return OnError(kNetPortFailed);
+    return OnError(result);
   }
   if (IsAborted()) {
     dataConnection_.CloseConnection();
     return OnError(kNetAborted);
   }
   SendLine(*storLine);
-  if (!Between(GetReplyCode(), 100, 299)) {
+  // Only a mark that the transfer starts lets it start: a 2xx here is not a
+  // store (and would leave the final reply unread).
+  const int opening = GetReplyCode();
+  if (opening != 125 && opening != 150) {
     dataConnection_.CloseConnection();
     return OnError(kNetStorFailed);
   }
-  if (AcceptServerDataConnection(kDataAcceptSeconds) != kNetOk) {
+  if (!passive_ && AcceptServerDataConnection(kDataAcceptSeconds) != kNetOk) {
     dataConnection_.CloseConnection();
     return OnError(kNetDataPortFailed);
   }
@@ -191,7 +219,9 @@ int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
     GetReplyCode();
     return OnError(result);
   }
-  return OnError(Between(GetReplyCode(), 200, 299) ? kNetOk : kNetConnectTerminated);
+  // Stored only when the server says so at the end.
+  const int stored = GetReplyCode();
+  return OnError(stored == 226 || stored == 250 ? kNetOk : kNetConnectTerminated);
 }
 
 int FtpClient::SendFile(const char* localPath, const char* remoteName) {

@@ -9,9 +9,11 @@
 
 namespace corvane {
 
-// Puts files on an FTP server: log in (USER, PASS, ACCT as the server asks),
-// change or make a directory, store a file over an active (PORT) data
-// connection, quit. Every operation returns a result code (0 success); an
+// Puts files on an FTP server: read the greeting, log in (USER, PASS, ACCT
+// as the server asks) and set binary type, change or make a directory, store
+// a file over an active (PORT) or passive (EPSV, else PASV) data connection,
+// quit. Either way the data connection is only ever with the control
+// connection's server. Every operation returns a result code (0 success); an
 // argument holding CR, LF or NUL, or too long for a command line, is refused
 // (kNetInvalidParameter) unsent.
 class FtpClient : public CNetClient {
@@ -42,6 +44,9 @@ class FtpClient : public CNetClient {
   int GetReplyCode();
 
   void SetServerPort(unsigned port) { serverPort_ = port; }
+  // Passive transfers: the client connects to the port the server offers,
+  // for servers behind NAT or firewalls. Active (PORT) by default.
+  void SetPassive(bool passive) { passive_ = passive; }
   int DataPort() const { return dataPort_; }
   void SetDataPort(int port) { dataPort_ = port; }
   const std::string& LastResponse() const { return lastResponse_; }
@@ -56,12 +61,18 @@ class FtpClient : public CNetClient {
   // Sends a command and maps its reply: 38 none, 0 for 200..299, else 10.
   int SimpleCommand(const char* format, const char* argument);
   int OpenDataPort();
+  // Listens on a data port and offers it with PORT; kNetOk, or the failure.
+  int OfferActiveDataPort();
+  // Asks for a passive port (EPSV, then PASV) and connects to it on the
+  // control connection's server; kNetOk, or the failure.
+  int ConnectPassiveDataPort();
   // Waits up to `seconds` for the server's own connection to the data port;
   // kNetOk, or kNetTimeout.
   int AcceptServerDataConnection(int seconds);
 
   CNetClient dataConnection_;
   bool connected_ = false;
+  bool passive_ = false;
   unsigned serverPort_ = 21;
   int connectTimeOut_ = 5;
   int dataPort_;

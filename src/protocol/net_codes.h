@@ -13,6 +13,7 @@ enum NetCode : int {
   kNetConnectTimeout = 5,
   kNetNoConnection = 6,
   kNetNameLookupFailed = 7,
+  kNetDataPortUnavailable = 8,
   kNetRequestDenied = 10,
   kNetNotSupported = 11,
   kNetNoServerResponse = 12,

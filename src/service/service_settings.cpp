@@ -22,6 +22,10 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
   s.ftpHost = ini.Get("Ftp", "Host");
   s.ftpLogin = ini.Get("Ftp", "Login");
   s.ftpPassword = ini.Get("Ftp", "Pwd");
+  ReadNumber(ini, "Ftp", "Port", s.ftpPort);
+  int32_t passive = 0;
+  ReadNumber(ini, "Ftp", "Passive", passive);
+  s.ftpPassive = passive != 0;
   s.notifyProgram = ini.Get("Pushmail", "Sender");
   // A present but non-numeric Interval gives 0 ms: passes then run back to back.
   if (auto interval = ini.Get("Pushmail", "Interval")) {

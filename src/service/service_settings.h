@@ -15,6 +15,8 @@ struct ServiceSettings {
   std::optional<std::string> ftpHost;        // [Ftp] Host
   std::optional<std::string> ftpLogin;       // [Ftp] Login
   std::optional<std::string> ftpPassword;    // [Ftp] Pwd
+  int32_t ftpPort = 21;                      // [Ftp] Port
+  bool ftpPassive = false;                   // [Ftp] Passive, not 0: EPSV/PASV
   std::optional<std::string> notifyProgram;  // [Pushmail] Sender
   int32_t checkIntervalMs = 60000;           // [Pushmail] Interval, in seconds
   int32_t listenPort = 8500;                 // [Application] port

@@ -2,10 +2,8 @@
 // dovecot: rendering into GB2312 and UTF-8, the message cache, attachments.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <set>
-#include <thread>
 
 #include "gateway_mail/gateway_client.h"
 #include "pop3/pop3_server_env.h"
@@ -170,40 +168,71 @@ TEST_F(ReceiveMailTest, FailuresAnswerWithTheirTexts) {
   EXPECT_EQ(noId["Log"], "The parameter of request is not enough");
 }
 
-TEST(ReceiveMailFtpTest, AttachmentsAddressedToFtpArriveOnTheConfiguredServer) {
-  test::Pop3ServerEnv pop3(CORVANE_POP3_ENV_FILE);
+TEST_F(ReceiveMailTest, AttachmentsAddressedToFtpArriveOnTheConfiguredServer) {
   test::Pop3ServerEnv ftp(CORVANE_FTP_ENV_FILE, "CORVANE_FTP_ENV");
-  ASSERT_TRUE(pop3.ok()) << "no POP3 test server: " << pop3.path();
-  ASSERT_FALSE(ftp.Get("FTP_ROOT").empty()) << "no FTP test server: " << ftp.path();
-  std::string uploaded = ftp.Get("FTP_ROOT") + "/" + ftp.Get("UPLOAD_DIR") + "/agenda.pdf";
-  std::filesystem::remove(uploaded);
+  ASSERT_NE(ftp.Port("FTP_BANNER_PORT"), 0u) << "no FTP test server: " << ftp.path();
+  // The two attachments as a local save writes them.
+  const std::string id = CorpusId("attachment-rfc2231");
+  test::TempDir local;
+  GatewayAnswer saved = Receive("CORPUS", id, "--param Attachment=" + local.path());
+  ASSERT_EQ(saved.status, 0) << saved.output;
+  const std::string names[] = {"\xd6\xd0\xce\xc4\xb1\xa8\xb8\xe6.bin", "report 2010.pdf"};
 
-  GatewayProcess gateway("log_level=debug\n[Ftp]\nHost=" + ftp.Get("FTP_HOST") +
-                         "\nLogin=" + ftp.Get("FTP_USER") + "\nPwd=" + ftp.Get("FTP_PASS") + "\n");
-  ASSERT_TRUE(gateway.Start());
-  test::Pop3ServerEnv::Account small = pop3.Mailbox("SMALL");
-  // The host of the address is never used: uploads go to the configured server.
-  GatewayAnswer answer = AskGateway(
-      gateway.port(), "--req Command=ReceiveMail --req Pop3=127.0.0.1 --req Port=" +
-                          std::to_string(pop3.Port("POP3_PORT")) + " --req Login=" + small.user +
-                          " --req Pwd=" + small.password + " --param ID=" + kAgendaId +
-                          " --param 'Attachment=ftp:\\\\files.example.org\\" +
-                          ftp.Get("UPLOAD_DIR") + "'");
-  ASSERT_EQ(answer.status, 0) << answer.output;
-  EXPECT_EQ(answer["Attachment0"], "agenda.pdf," + std::to_string(AgendaBytes().size()));
-  for (int i = 0; i < 50 && !std::filesystem::exists(uploaded); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  struct Case {
+    const char* portKey;
+    bool passive;
+    std::string password;  // empty: the right one
+  };
+  const Case cases[] = {{"FTP_PORT", false, ""},
+                        {"FTP_BANNER_PORT", true, ""},
+                        {"FTP_PORT", true, "not-the-password"}};
+  for (const Case& c : cases) {
+    const bool right = c.password.empty();
+    SCOPED_TRACE(std::string(c.portKey) + (c.passive ? " passive " : " active ") + c.password);
+    const std::string directory = std::string("box-") + c.portKey + (c.passive ? "-p" : "-a");
+    std::filesystem::remove_all(ftp.Get("FTP_ROOT") + "/" + directory);
+    GatewayProcess gateway("log_level=debug\n[Ftp]\nHost=" + ftp.Get("FTP_HOST") +
+                           "\nPort=" + ftp.Get(c.portKey) + "\nPassive=" + (c.passive ? "1" : "0") +
+                           "\nLogin=" + ftp.Get("FTP_USER") +
+                           "\nPwd=" + (right ? ftp.Get("FTP_PASS") : c.password) + "\n");
+    ASSERT_TRUE(gateway.Start());
+    // The host of the address is never used: uploads go to the configured
+    // server, into the directory made there.
+    GatewayAnswer answer = AskGateway(
+        gateway.port(), "--req Command=ReceiveMail " + Mailbox("CORPUS") + " --param ID=" + id +
+                            " --param 'Attachment=ftp:\\\\files.example.org\\" + directory + "'");
+    ASSERT_EQ(answer.status, 0) << answer.output;
+    EXPECT_EQ(answer["Status"], "success");  // the message itself was read
+    EXPECT_EQ(answer.Has("Log"), !right);
+    if (!right) {
+      EXPECT_EQ(answer["Log"], "Upload attachment to ftp server error");
+    }
+    for (int k = 0; k < 2; ++k) {
+      const std::string stored = ftp.Get("FTP_ROOT") + "/" + directory + "/" + names[k];
+      if (right) {
+        EXPECT_EQ(answer["Attachment" + std::to_string(k)],
+                  saved["Attachment" + std::to_string(k)]);
+        EXPECT_TRUE(test::ReadFile(stored) == test::ReadFile(local / names[k])) << stored;
+      } else {
+        EXPECT_EQ(answer["Attachment" + std::to_string(k)], names[k] + ",-1");
+        EXPECT_FALSE(std::filesystem::exists(stored));
+      }
+    }
+    // No local copy is left behind: only the cached message and the known ids.
+    std::set<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(
+             gateway.dir() / ("cache/" + env_.Mailbox("CORPUS").user +
+                              "@127.0.0.1:" + std::to_string(env_.Port("POP3_PORT")))))
+      left.insert(entry.path().filename());
+    EXPECT_EQ(left, (std::set<std::string>{id + ".txt", "mail.list"}));
+    // A store is known to have worked only from the server's final reply; a
+    // failure names the server's answer.
+    const std::string log = gateway.LogText();
+    EXPECT_EQ(log.find("[Error]") == std::string::npos, right) << log;
+    if (!right) {
+      EXPECT_NE(log.find("Server: 530 Login incorrect."), std::string::npos) << log;
+    }
   }
-  EXPECT_EQ(test::ReadFile(uploaded), AgendaBytes());
-  // The local copy, and the directory it was made in, are gone: only the
-  // cached message and the known-id list are left.
-  std::set<std::string> left;
-  for (const auto& entry : std::filesystem::directory_iterator(
-           gateway.dir() /
-           ("cache/" + small.user + "@127.0.0.1:" + std::to_string(pop3.Port("POP3_PORT")))))
-    left.insert(entry.path().filename());
-  EXPECT_EQ(left, (std::set<std::string>{std::string(kAgendaId) + ".txt", "mail.list"}));
-  EXPECT_NE(gateway.LogText().find("Upload attachment file "), std::string::npos);
 }
 
 }  // namespace

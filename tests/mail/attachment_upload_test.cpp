@@ -41,14 +41,16 @@ TEST(FtpPathOfUrlTest, NoPathGivesTheWholeTextAndOtherDestinationsNothing) {
 class UploadToFtpTest : public ::testing::Test {
  protected:
   std::vector<test::Step> Login() {
-    return {Expect("USER up\r\n"), Send("230 in\r\n"), Expect("TYPE A\r\n"), Send("200 ok\r\n"),
-            Expect("MODE S\r\n"),  Send("200 ok\r\n"), Expect("STRU F\r\n"), Send("200 ok\r\n")};
+    return {Send("220 ready\r\n"), Expect("USER up\r\n"), Send("230 in\r\n"),
+            Expect("TYPE I\r\n"),  Send("200 ok\r\n"),    Expect("MODE S\r\n"),
+            Send("200 ok\r\n"),    Expect("STRU F\r\n"),  Send("200 ok\r\n")};
   }
   std::vector<test::Step> With(std::vector<test::Step> more) {
     std::vector<test::Step> script = Login();
     for (auto& step : more) script.push_back(std::move(step));
     return script;
   }
+  static FtpServer At(unsigned port) { return {"127.0.0.1", "up", "pw", port}; }
   test::TempDir dir_;
 };
 
@@ -67,15 +69,14 @@ TEST_F(UploadToFtpTest, MissingDirectoryIsMadeBeforeTheStore) {
                           Expect("Quit\r\n")}));
   // The store is refused at PORT, so the upload fails after the directory
   // steps, and still ends with Quit.
-  EXPECT_EQ(UploadToFtp("127.0.0.1", "up", "pw", dir_ / "a.txt", "a.txt", "/box", peer.port()), -1);
+  EXPECT_EQ(UploadToFtp(At(peer.port()), dir_ / "a.txt", "a.txt", "/box"), -1);
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
 }
 
 TEST_F(UploadToFtpTest, DirectoryThatCannotBeMadeAbandonsTheUpload) {
   ScriptedPeer peer(With({Expect("CWD ftp://host\r\n"), Send("550 no\r\n"),
                           Expect("MKD ftp://host\r\n"), Send("550 no\r\n"), Expect("Quit\r\n")}));
-  EXPECT_EQ(
-      UploadToFtp("127.0.0.1", "up", "pw", dir_ / "a.txt", "a.txt", "ftp://host", peer.port()), -1);
+  EXPECT_EQ(UploadToFtp(At(peer.port()), dir_ / "a.txt", "a.txt", "ftp://host"), -1);
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
   EXPECT_EQ(peer.Received().find("STOR"), std::string::npos);
 }
@@ -95,8 +96,7 @@ TEST_F(UploadToFtpTest, NamesAndDirectoriesWithControlBytesAreRefusedBeforeConne
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.name) + " in " + testing::PrintToString(c.directory));
     ScriptedPeer peer(Login(), 200);
-    EXPECT_EQ(
-        UploadToFtp("127.0.0.1", "up", "pw", dir_ / "a.txt", c.name, c.directory, peer.port()), -1);
+    EXPECT_EQ(UploadToFtp(At(peer.port()), dir_ / "a.txt", c.name, c.directory), -1);
     peer.Finish();
     EXPECT_EQ(peer.Connections(), 0);
   }
@@ -108,8 +108,7 @@ TEST_F(UploadToFtpTest, UnreachableServerFails) {
     test::ScriptedPeer gone({});
     closedPort = gone.port();
   }
-  EXPECT_EQ(UploadToFtp("127.0.0.1", "up", "pw", dir_ / "a.txt", "a.txt", std::nullopt, closedPort),
-            -1);
+  EXPECT_EQ(UploadToFtp(At(closedPort), dir_ / "a.txt", "a.txt", std::nullopt), -1);
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
-// The FTP client against scripted peers: login replies, directory commands,
-// the active-mode store with its data-port walk, and Quit.
+// The FTP client against scripted peers: greeting and login replies,
+// directory commands, the active store with its data-port walk, the passive
+// store, and Quit.
 #include "protocol/ftp_client.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include "protocol/buffer_data_source.h"
+#include "protocol/ftp_passive_reply.h"
 #include "service/limits.h"
 #include "support/scripted_peer.h"
 
@@ -19,14 +22,14 @@ using test::Step;
 
 // The three settings every login ends with.
 std::vector<Step> Settings() {
-  return {Expect("TYPE A\r\n"), Send("200 ok\r\n"),   Expect("MODE S\r\n"),
+  return {Expect("TYPE I\r\n"), Send("200 ok\r\n"),   Expect("MODE S\r\n"),
           Send("200 ok\r\n"),   Expect("STRU F\r\n"), Send("200 ok\r\n")};
 }
 
-std::vector<Step> Then(std::vector<Step> first, std::vector<Step> second) {
-  first.insert(first.end(), std::make_move_iterator(second.begin()),
-               std::make_move_iterator(second.end()));
-  return first;
+// A server that greets, logs the user in at USER and takes the settings.
+std::vector<Step> LoggedIn() {
+  return test::Join(
+      {{Send("220 ready\r\n"), Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()});
 }
 
 int Connect(FtpClient& client, ScriptedPeer& peer) {
@@ -90,63 +93,49 @@ Step ReceiveOnDataPort(int port, std::string& received, std::string* intruded = 
   });
 }
 
-TEST(FtpLoginTest, UserAcceptedAloneSendsNoPassword) {
-  ScriptedPeer peer(Then({Expect("USER up\r\n"), Send("230 welcome\r\n")}, Settings()));
-  FtpClient client;
-  EXPECT_EQ(Connect(client, peer), 0);
-  EXPECT_TRUE(peer.Finish()) << peer.Errors();
-}
-
-TEST(FtpLoginTest, EachLoginStepHasItsCode) {
+TEST(FtpLoginTest, TheGreetingThenEachLoginStepHasItsCode) {
+  const std::string ready = "220 ready\r\n";
+  auto password = [](std::vector<Step> after) {
+    return test::Join(
+        {{Expect("USER up\r\n"), Send("331 password\r\n"), Expect("PASS secret\r\n")}, after});
+  };
+  auto account = [&](const char* reply) {
+    return password({Send("332 account\r\n"), Expect("ACCT acct\r\n"), Send(reply)});
+  };
   struct Case {
-    std::vector<Step> script;
+    std::string greeting;
+    std::vector<Step> login;
     int code;
   };
   std::vector<Case> cases;
-  cases.push_back({{Expect("USER up\r\n"), Send("530 no\r\n")}, 62});
-  cases.push_back({{Expect("USER up\r\n"), Send("331 password\r\n"), Expect("PASS secret\r\n"),
-                    Send("530 wrong\r\n")},
-                   63});
-  cases.push_back({{Expect("USER up\r\n"), Send("331 password\r\n"), Expect("PASS secret\r\n"),
-                    Send("332 account\r\n"), Expect("ACCT acct\r\n"), Send("530 no\r\n")},
-                   64});
-  cases.push_back({{Expect("USER up\r\n"), test::Pause(3000)}, 38});
+  cases.push_back({ready, {Expect("USER up\r\n"), Send("230 welcome\r\n")}, 0});  // no PASS
+  cases.push_back({ready, {Expect("USER up\r\n"), Send("530 no\r\n")}, 62});
+  cases.push_back({ready, password({Send("530 wrong\r\n")}), 63});
+  cases.push_back({ready, account("530 no\r\n"), 64});
+  cases.push_back({ready, account("230 in\r\n"), 0});
+  cases.push_back({ready, {Expect("USER up\r\n"), test::Pause(3000)}, 38});
+  // The greeting is read whole before USER: several lines, or a 120 that
+  // asks to wait for the 220; a server that refuses gets no USER at all.
+  cases.push_back(
+      {"220-Welcome\r\n220-to the test\r\n220 ready\r\n", password({Send("230 in\r\n")}), 0});
+  cases.push_back({"120 in a minute\r\n220 ready\r\n", password({Send("230 in\r\n")}), 0});
+  cases.push_back({"421 too many of you\r\n", {}, 2});
   for (Case& c : cases) {
-    ScriptedPeer peer(std::move(c.script));
+    SCOPED_TRACE(test::Printable(c.greeting) + " code " + std::to_string(c.code));
+    std::vector<Step> settings = c.code == 0 ? Settings() : std::vector<Step>{};
+    ScriptedPeer peer(test::Join({{Send(c.greeting)}, std::move(c.login), std::move(settings)}));
     FtpClient client;
     EXPECT_EQ(Connect(client, peer), c.code);
-    EXPECT_TRUE(peer.Finish()) << c.code << ": " << peer.Errors();
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+    if (c.code == 2) {
+      EXPECT_EQ(peer.Received(), "");
+    }
   }
-  ScriptedPeer full(
-      Then({Expect("USER up\r\n"), Send("331 password\r\n"), Expect("PASS secret\r\n"),
-            Send("332 account\r\n"), Expect("ACCT acct\r\n"), Send("230 in\r\n")},
-           Settings()));
-  FtpClient client;
-  EXPECT_EQ(Connect(client, full), 0);
-  EXPECT_TRUE(full.Finish()) << full.Errors();
-}
-
-TEST(FtpLoginTest, GreetingIsTakenAsTheReplyToUser) {
-  // A one-line greeting answers USER; the login's own replies then come one
-  // command late, and no PASS is sent.
-  ScriptedPeer peer({Send("220 ready\r\n"), Expect("USER up\r\n"), Send("331 password\r\n"),
-                     Expect("TYPE A\r\n"), Send("530 login first\r\n"), Expect("MODE S\r\n"),
-                     Send("530 login first\r\n"), Expect("STRU F\r\n")});
-  FtpClient client;
-  EXPECT_EQ(Connect(client, peer), 0);
-  EXPECT_TRUE(peer.Finish()) << peer.Errors();
-  EXPECT_EQ(peer.Received().find("PASS"), std::string::npos);
-
-  // A multi-line greeting is read as one reply.
-  ScriptedPeer multi({Send("220-Welcome\r\n220-to the test\r\n220 ready\r\n"),
-                      Expect("USER up\r\n"), Send("331 password\r\n"), Expect("TYPE A\r\n")});
-  FtpClient second;
-  EXPECT_EQ(Connect(second, multi), 0);
-  EXPECT_EQ(second.ReplyLines(), (std::vector<std::string>{"220-to the test", "220 ready"}));
 }
 
 TEST(FtpLoginTest, AReplyThatNeverEndsIsNoReply) {
-  ScriptedPeer peer({Expect("USER up\r\n"), test::Do([](test::PeerSession& session, std::string&) {
+  ScriptedPeer peer({Send("220 ready\r\n"), Expect("USER up\r\n"),
+                     test::Do([](test::PeerSession& session, std::string&) {
                        session.Write("230-Welcome\r\n");
                        for (int i = 0; i < 100000 && session.Write("230-and more\r\n"); ++i) {
                        }
@@ -159,10 +148,10 @@ TEST(FtpLoginTest, AReplyThatNeverEndsIsNoReply) {
 
 TEST(FtpDirectoryTest, RepliesMapToCodes) {
   ScriptedPeer peer(
-      Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()),
-           {Expect("CWD /in/box\r\n"), Send("550 missing\r\n"), Expect("MKD /in/box\r\n"),
-            Send("257 created\r\n"), Expect("CWD /in/box\r\n"), Send("250 ok\r\n"),
-            Expect("CWD x\r\n"), test::Pause(3000)}));
+      test::Join({LoggedIn(),
+                  {Expect("CWD /in/box\r\n"), Send("550 missing\r\n"), Expect("MKD /in/box\r\n"),
+                   Send("257 created\r\n"), Expect("CWD /in/box\r\n"), Send("250 ok\r\n"),
+                   Expect("CWD x\r\n"), test::Pause(3000)}}));
   FtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
   EXPECT_EQ(client.ChangeDir("/in/box"), 10);
@@ -188,10 +177,10 @@ TEST(FtpStoreTest, ActiveStoreSkipsABusyPortAndSendsTheWholeSource) {
   std::string received;
   const std::string port =
       "127,0,0,1," + std::to_string(offered / 256) + "," + std::to_string(offered % 256);
-  ScriptedPeer peer(
-      Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()),
-           {Expect("PORT " + port + "\r\n"), Send("200 PORT ok\r\n"), Expect("STOR note.txt\r\n"),
-            Send("150 go ahead\r\n"), ReceiveOnDataPort(offered, received), Send("226 done\r\n")}));
+  ScriptedPeer peer(test::Join(
+      {LoggedIn(),
+       {Expect("PORT " + port + "\r\n"), Send("200 PORT ok\r\n"), Expect("STOR note.txt\r\n"),
+        Send("150 go ahead\r\n"), ReceiveOnDataPort(offered, received), Send("226 done\r\n")}}));
   FtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
   client.SetDataPort(firstPort);
@@ -207,10 +196,10 @@ TEST(FtpStoreTest, ActiveStoreSkipsABusyPortAndSendsTheWholeSource) {
 }
 
 TEST(FtpStoreTest, RefusalsOfPortAndStorAndTheWrapOfTheDataPort) {
-  ScriptedPeer peer(Then(
-      Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()),
-      {Expect("PORT 127,0,0,1,125,0\r\n"), Send("500 no\r\n"), Expect("PORT 127,0,0,1,39,16\r\n"),
-       Send("200 ok\r\n"), Expect("STOR x\r\n"), Send("553 denied\r\n")}));
+  ScriptedPeer peer(test::Join(
+      {LoggedIn(),
+       {Expect("PORT 127,0,0,1,125,0\r\n"), Send("500 no\r\n"), Expect("PORT 127,0,0,1,39,16\r\n"),
+        Send("200 ok\r\n"), Expect("STOR x\r\n"), Send("553 denied\r\n")}}));
   FtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
   BufferDataSource source(8, "x");
@@ -227,10 +216,11 @@ TEST(FtpStoreTest, OnlyTheServerItselfMayConnectToTheDataPort) {
   const int offered = 20000 + getpid() % 5000;
   const std::string port =
       "127,0,0,1," + std::to_string(offered / 256) + "," + std::to_string(offered % 256);
-  ScriptedPeer peer(Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()),
-                         {Expect("PORT " + port + "\r\n"), Send("200 ok\r\n"),
-                          Expect("STOR note.txt\r\n"), Send("150 go ahead\r\n"),
-                          ReceiveOnDataPort(offered, received, &intruded), Send("226 done\r\n")}));
+  ScriptedPeer peer(
+      test::Join({LoggedIn(),
+                  {Expect("PORT " + port + "\r\n"), Send("200 ok\r\n"), Expect("STOR note.txt\r\n"),
+                   Send("150 go ahead\r\n"), ReceiveOnDataPort(offered, received, &intruded),
+                   Send("226 done\r\n")}}));
   FtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
   client.SetDataPort(offered);
@@ -242,6 +232,122 @@ TEST(FtpStoreTest, OnlyTheServerItselfMayConnectToTheDataPort) {
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
   EXPECT_EQ(intruded, "");  // closed unread
   EXPECT_EQ(received, "secret");
+}
+
+// The server side of a passive transfer: a data port on loopback.
+class PassiveListener {
+ public:
+  PassiveListener() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
+    listen(fd_, 1);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+    port_ = ntohs(address.sin_port);
+  }
+  ~PassiveListener() { close(fd_); }
+  PassiveListener(const PassiveListener&) = delete;
+  PassiveListener& operator=(const PassiveListener&) = delete;
+
+  // `text` with {port} as the port and {p1},{p2} as its two PASV bytes.
+  std::string Offer(std::string text) const {
+    const std::pair<const char*, int> marks[] = {
+        {"{port}", port_}, {"{p1}", port_ / 256}, {"{p2}", port_ % 256}};
+    for (const auto& [mark, value] : marks) {
+      size_t at = text.find(mark);
+      if (at != std::string::npos) text.replace(at, std::strlen(mark), std::to_string(value));
+    }
+    return text;
+  }
+  // A step that takes the client's data connection and reads it to its end.
+  Step Receive(std::string& received) const {
+    return test::Do([this, &received](test::PeerSession&, std::string& error) {
+      pollfd waiting{fd_, POLLIN, 0};
+      int fd = poll(&waiting, 1, 5000) == 1 ? accept(fd_, nullptr, nullptr) : -1;
+      if (fd < 0) {
+        error = "the client did not connect to the passive port";
+        return false;
+      }
+      received = ReadUntilClosed(fd);
+      return true;
+    });
+  }
+
+ private:
+  int fd_;
+  int port_ = 0;
+};
+
+TEST(FtpStoreTest, PassiveStoreConnectsOnlyToTheControlConnectionsServer) {
+  struct Case {
+    std::string epsv, pasv;  // replies; no PASV is asked for when pasv is empty
+    std::string stor, final;
+    int code;
+  };
+  const std::string extended = "229 Entering Extended Passive Mode (|||{port}|)\r\n";
+  const std::vector<Case> cases = {
+      {extended, "", "150 go ahead\r\n", "226 done\r\n", 0},
+      // The address of a 227 is not followed: the data goes to this server.
+      {"500 what\r\n", "227 Entering Passive Mode (10,9,8,7,{p1},{p2})\r\n", "125 go\r\n",
+       "250 stored\r\n", 0},
+      {"229 (|||99999|)\r\n", "227 =127,0,0,1,{p1},{p2}\r\n", "150 go\r\n", "226 done\r\n", 0},
+      {"502 no\r\n", "500 no\r\n", "", "", 8},
+      {extended, "", "250 no mark that a transfer starts\r\n", "", 51},
+      {extended, "", "150 go ahead\r\n", "451 disk full\r\n", 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.epsv + c.pasv + c.stor + c.final);
+    PassiveListener data;
+    std::string received;
+    std::vector<Step> script =
+        test::Join({LoggedIn(), {Expect("EPSV\r\n"), Send(data.Offer(c.epsv))}});
+    if (!c.pasv.empty())
+      script = test::Join({std::move(script), {Expect("PASV\r\n"), Send(data.Offer(c.pasv))}});
+    if (!c.stor.empty())
+      script = test::Join({std::move(script), {Expect("STOR note.txt\r\n"), Send(c.stor)}});
+    if (!c.final.empty())
+      script = test::Join({std::move(script), {data.Receive(received), Send(c.final)}});
+    ScriptedPeer peer(std::move(script));
+    FtpClient client;
+    client.SetPassive(true);
+    ASSERT_EQ(Connect(client, peer), 0);
+    BufferDataSource source(9, "note");
+    source.Open(DataSource::kOpenWrite);
+    source.Write("a\r\nb\xff\nc\rd", 9);
+    source.Close();
+    EXPECT_EQ(client.StoreFromDataSource(source, "note.txt"), c.code);
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+    EXPECT_EQ(received, c.final.empty() ? "" : "a\r\nb\xff\nc\rd");
+  }
+}
+
+TEST(FtpPassiveReplyTest, OnlyAWellFormedOfferGivesAPort) {
+  const std::vector<std::tuple<int, std::string, std::optional<unsigned>>> cases = {
+      {229, "229 Entering Extended Passive Mode (|||6446|)", 6446},
+      {229, "229 ok (!!!21!)", 21},
+      {229, "229 (|||65535|)", 65535},
+      {229, "229 (|||65536|)", std::nullopt},
+      {229, "229 (|||0|)", std::nullopt},
+      {229, "229 (|||4294967318|)", std::nullopt},  // 22 after a 32-bit wrap
+      {229, "229 (||6446|)", std::nullopt},
+      {229, "229 (|||6446)", std::nullopt},
+      {229, "229 (|||6446|", std::nullopt},
+      {229, "229 (1116461)", std::nullopt},
+      {229, "229 (", std::nullopt},
+      {227, "227 Entering Passive Mode (127,0,0,1,25,46)", 6446},
+      {227, "227 =10,0,0,1,0,21", 21},
+      {227, "227 (1,2,3,4,256,1)", std::nullopt},
+      {227, "227 (1,2,3,4,5)", std::nullopt},
+      {227, "227 (1,2,3,4,0,0)", std::nullopt},
+      {227, "227 (1,2,3,4,0021,1)", std::nullopt},
+      {227, "227", std::nullopt},
+      {200, "200 (|||6446|) (127,0,0,1,25,46)", std::nullopt},
+  };
+  for (const auto& [code, reply, port] : cases) {
+    EXPECT_EQ(PassiveDataPort(code, reply), port) << reply;
+  }
 }
 
 TEST(FtpCommandTextTest, ArgumentsThatWouldNotStayOneLineAreRefusedUnsent) {
@@ -262,8 +368,7 @@ TEST(FtpCommandTextTest, ArgumentsThatWouldNotStayOneLineAreRefusedUnsent) {
     EXPECT_EQ(refused.FtpConnect("127.0.0.1", "up", value.c_str(), ""), 106);
 
     // After a login, a refused directory or name sends nothing but the Quit.
-    ScriptedPeer peer(
-        Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()), {Expect("Quit\r\n")}));
+    ScriptedPeer peer(test::Join({LoggedIn(), {Expect("Quit\r\n")}}));
     FtpClient client;
     ASSERT_EQ(Connect(client, peer), 0);
     EXPECT_EQ(client.ChangeDir(value.c_str()), 106);
@@ -276,8 +381,7 @@ TEST(FtpCommandTextTest, ArgumentsThatWouldNotStayOneLineAreRefusedUnsent) {
 }
 
 TEST(FtpCloseTest, QuitIsSentAndTheConnectionClosedWithoutAnAnswer) {
-  ScriptedPeer peer(Then(Then({Expect("USER up\r\n"), Send("230 in\r\n")}, Settings()),
-                         {Expect("Quit\r\n"), test::ExpectClose()}));
+  ScriptedPeer peer(test::Join({LoggedIn(), {Expect("Quit\r\n"), test::ExpectClose()}}));
   FtpClient client;
   ASSERT_EQ(Connect(client, peer), 0);
   EXPECT_EQ(client.FtpClose(), 0);

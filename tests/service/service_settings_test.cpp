@@ -23,6 +23,8 @@ TEST(ServiceSettingsTest, NoFileGivesEveryDefault) {
   EXPECT_FALSE(s.ftpHost.has_value());
   EXPECT_FALSE(s.ftpLogin.has_value());
   EXPECT_FALSE(s.ftpPassword.has_value());
+  EXPECT_EQ(s.ftpPort, 21);
+  EXPECT_FALSE(s.ftpPassive);
   EXPECT_FALSE(s.notifyProgram.has_value());
   EXPECT_FALSE(s.defaultBody.has_value());
   EXPECT_EQ(s.checkIntervalMs, 60000);
@@ -34,13 +36,15 @@ TEST(ServiceSettingsTest, NoFileGivesEveryDefault) {
 
 TEST(ServiceSettingsTest, EveryKeyIsReadFromItsSection) {
   ServiceSettings s = LoadFrom(
-      "[Ftp]\nHost=ftp.local\nLogin=up\nPwd=secret\n"
+      "[Ftp]\nHost=ftp.local\nLogin=up\nPwd=secret\nPort=2121\nPassive=1\n"
       "[Pushmail]\nSender=/opt/push/notify\nInterval=5\n"
       "[Application]\nport=8600\nsubject_length=24\npop3_timeout=45\n"
       "default_body=(no text)\nlog_level=error\n");
   EXPECT_EQ(s.ftpHost, "ftp.local");
   EXPECT_EQ(s.ftpLogin, "up");
   EXPECT_EQ(s.ftpPassword, "secret");
+  EXPECT_EQ(s.ftpPort, 2121);
+  EXPECT_TRUE(s.ftpPassive);
   EXPECT_EQ(s.notifyProgram, "/opt/push/notify");
   EXPECT_EQ(s.checkIntervalMs, 5000);
   EXPECT_EQ(s.listenPort, 8600);
