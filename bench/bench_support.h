@@ -58,8 +58,8 @@ class TestServer {
   int Run(const char* command) const {
     // The SMTP server delivers into the POP3 server's mailboxes.
     std::string line = "CORVANE_POP3_ROOT='" + Root("pop3") + "' CORVANE_SMTP_ROOT='" +
-                       Root("smtp") + "' '" CORVANE_SOURCE_DIR "/tests/servers/" + name_ +
-                       "-server' " + command;
+                       Root("smtp") + "' CORVANE_FTP_ROOT='" + Root("ftp") +
+                       "' '" CORVANE_SOURCE_DIR "/tests/servers/" + name_ + "-server' " + command;
     return std::system(line.c_str());
   }
 

@@ -213,7 +213,7 @@ int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
     dataConnection_.CloseConnection();
     return OnError(kNetDataPortFailed);
   }
-  result = dataConnection_.SendFromDataSource(source);
+  result = dataConnection_.SendFromDataSource(source, kDataPieceSize);
   dataConnection_.CloseConnection();
   if (result != kNetOk) {
     GetReplyCode();

@@ -249,11 +249,12 @@ void CNetClient::ApplyTimeOuts(int handle) {
   SetTimeOutOption(handle, SO_SNDTIMEO, sendTimeOutMs_);
 }
 
-int CNetClient::SendPieces(DataSource& source) {
-  char piece[kSendPieceSize + 1];
+int CNetClient::SendPieces(DataSource& source, int pieceSize) {
+  std::vector<char> buffer(static_cast<size_t>(std::max(pieceSize, 1)) + 1);
+  char* piece = buffer.data();
   long total = 0;
   for (;;) {
-    int n = source.Read(piece, kSendPieceSize);
+    int n = source.Read(piece, static_cast<int>(buffer.size()) - 1);
     if (n < 1) return kNetOk;
     // Send takes what the socket takes; the rest of a piece follows so that
     // no byte of the source is skipped.
@@ -269,13 +270,13 @@ int CNetClient::SendPieces(DataSource& source) {
 
 int CNetClient::SendFromReader(DataSource& reader) {
   if (socket_ == -1) return OnError(kNetSocketNotOpen);
-  return OnError(SendPieces(reader));
+  return OnError(SendPieces(reader, kSendPieceSize));
 }
 
-int CNetClient::SendFromDataSource(DataSource& source) {
+int CNetClient::SendFromDataSource(DataSource& source, int pieceSize) {
   if (socket_ == -1) return OnError(kNetSocketNotOpen);
   if (source.Open(DataSource::kOpenRead) != 0) return OnError(kNetDataSourceOpenFailed);
-  int result = SendPieces(source);
+  int result = SendPieces(source, pieceSize);
   source.Close();
   return OnError(result);
 }

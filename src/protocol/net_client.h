@@ -72,9 +72,10 @@ class CNetClient : public CSecureSocketClient {
   // Sends an open data source in 255-byte pieces; neither opens nor closes
   // it. 15, 22, 98.
   virtual int SendFromReader(DataSource& reader);
-  // Opens `source` for reading, sends it in 255-byte pieces and closes it.
-  // 15 not connected, 81 can't open, 22 send failed, 98 aborted.
-  virtual int SendFromDataSource(DataSource& source);
+  // Opens `source` for reading, sends it in pieces of `pieceSize` bytes (255
+  // unless a bulk transfer asks for more) and closes it; the status hook sees
+  // each piece. 15 not connected, 81 can't open, 22 send failed, 98 aborted.
+  virtual int SendFromDataSource(DataSource& source, int pieceSize = kSendPieceSize);
   // One send of `length` bytes (below 1: `data` is NUL-terminated); the
   // count sent, 0 on error.
   virtual int Send(const char* data, int length = -1);
@@ -157,7 +158,7 @@ class CNetClient : public CSecureSocketClient {
   void ClearReadAhead() { readStart_ = readEnd_ = 0; }
   void ApplyTimeOuts(int handle);
   int CloseConnected();
-  int SendPieces(DataSource& source);
+  int SendPieces(DataSource& source, int pieceSize);
 
   uint16_t remotePort_ = 0;
   uint16_t localPort_ = 0;

@@ -18,7 +18,10 @@ TEST(FtpVsftpdTest, EveryByteArrivesAfterEitherGreetingActiveOrPassive) {
   ASSERT_NE(ftp.Port("FTP_BANNER_PORT"), 0u) << "no FTP test server: " << ftp.path();
   test::TempDir local;
   std::string bytes = "CR LF\r\nlone LF\nlone CR\r";
-  for (int i = 0; i < 3 * 256; ++i) bytes += static_cast<char>(i % 256);
+  // Every byte value, over more than one piece of the data connection.
+  while (bytes.size() <= static_cast<size_t>(FtpClient::kDataPieceSize) + 256) {
+    for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+  }
   test::WriteFile(local / "every-byte.bin", bytes);
 
   for (const char* portKey : {"FTP_PORT", "FTP_BANNER_PORT"}) {
