@@ -1,9 +1,10 @@
 // SendMail of a message with a 10 MB attachment through the test exim, run
 // in-process the way the dispatcher runs it (compose, connect, AUTH
-// CRAM-MD5, one transaction), beside curl submitting the same composed
-// message (the gateway's own composition, written to a file first) to the
-// same server with the same authentication in the same run. Figures are
-// medians; curl's include its process start.
+// CRAM-MD5, one transaction), in the clear ([Smtp] Tls=off) and over
+// STARTTLS (Tls=auto), beside curl submitting the same composed message (the
+// gateway's own composition, written to a file first) to the same server
+// with the same authentication, and --ssl-reqd for TLS, in the same run.
+// Figures are medians; curl's include its process start.
 //
 // Starts the test dovecot and exim (tests/servers) when they are not
 // running. Optional argument: rounds.
@@ -17,6 +18,7 @@
 #include "bench_support.h"
 #include "mail/mail_sender.h"
 #include "protocol/file_data_source.h"
+#include "service/service_settings.h"
 #include "support/mail_request.h"
 #include "support/temp_dir.h"
 
@@ -100,18 +102,47 @@ int main(int argc, char** argv) {
     }
   }
   const std::string url = "smtp://127.0.0.1:" + env.Get("SMTP_PORT");
+  // The gateway trusts the test CA as a machine trusts a provider's; curl
+  // is given it too.
+  setenv("SSL_CERT_FILE", env.Get("CA_FILE").c_str(), 1);
 
-  std::vector<double> ours, curl;
-  for (int round = 0; round < rounds; ++round) {
-    double ms = SendThroughGateway(request);
-    if (ms < 0) {
-      std::fprintf(stderr, "SendMail failed\n");
-      return 1;
+  struct Mode {
+    const char* name;
+    corvane::SmtpTlsSetting setting;
+    std::vector<std::string> curlOptions;
+    std::vector<double> ours, curl;
+  };
+  Mode modes[] = {{"clear", corvane::SmtpTlsSetting::kOff, {}, {}, {}},
+                  {"STARTTLS",
+                   corvane::SmtpTlsSetting::kAuto,
+                   {"--ssl-reqd", "--cacert", env.Get("CA_FILE")},
+                   {},
+                   {}}};
+  for (Mode& mode : modes) {
+    corvane::g_settings.smtpTls = mode.setting;
+    for (int round = 0; round < rounds; ++round) {
+      double ms = SendThroughGateway(request);
+      if (ms < 0) {
+        std::fprintf(stderr, "SendMail (%s) failed\n", mode.name);
+        return 1;
+      }
+      mode.ours.push_back(ms);
+      std::vector<std::string> arguments = {"-s",
+                                            "-S",
+                                            url,
+                                            "--mail-from",
+                                            "outboxuser@localhost",
+                                            "--mail-rcpt",
+                                            "inboxuser@localhost",
+                                            "--user",
+                                            user + ":" + password,
+                                            "--login-options",
+                                            "AUTH=CRAM-MD5",
+                                            "-T",
+                                            composedPath};
+      arguments.insert(arguments.end(), mode.curlOptions.begin(), mode.curlOptions.end());
+      mode.curl.push_back(TimeCurl(arguments));
     }
-    ours.push_back(ms);
-    curl.push_back(TimeCurl({"-s", "-S", url, "--mail-from", "outboxuser@localhost", "--mail-rcpt",
-                             "inboxuser@localhost", "--user", user + ":" + password,
-                             "--login-options", "AUTH=CRAM-MD5", "-T", composedPath}));
   }
   // The copies delivered are of no further use; the mailbox stays small.
   std::string inbox = env.Get("MAIL_ROOT") + "/inboxuser/Maildir/";
@@ -124,12 +155,17 @@ int main(int argc, char** argv) {
   std::ifstream composed(composedPath, std::ios::binary | std::ios::ate);
   std::printf("SendMail of a %lld-byte message (10 MB attachment), AUTH CRAM-MD5, median of %d\n",
               static_cast<long long>(composed.tellg()), rounds);
-  std::printf("  corvane MailSender  %8.1f ms (compose and submit)\n", Median(ours));
-  if (Median(curl) < 0) {
-    std::printf("  curl                failed or missing\n");
-  } else {
-    std::printf("  curl                %8.1f ms (submit only)\n", Median(curl));
-    std::printf("  ratio corvane/curl  %8.2f\n", Median(ours) / Median(curl));
+  for (const Mode& mode : modes) {
+    std::printf("  %-8s corvane MailSender  %8.1f ms (compose and submit)\n", mode.name,
+                Median(mode.ours));
+    if (Median(mode.curl) < 0) {
+      std::printf("  %-8s curl                failed or missing\n", mode.name);
+    } else {
+      std::printf("  %-8s curl                %8.1f ms (submit only)\n", mode.name,
+                  Median(mode.curl));
+      std::printf("  %-8s ratio corvane/curl  %8.2f\n", mode.name,
+                  Median(mode.ours) / Median(mode.curl));
+    }
   }
   return 0;
 }

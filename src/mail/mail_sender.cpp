@@ -5,12 +5,14 @@
 #include "protocol/net_error.h"
 #include "service/decimal_text.h"
 #include "service/process_log.h"
+#include "service/service_settings.h"
 #include "transport/response_entries.h"
 
 namespace corvane {
 namespace {
 
 constexpr char kMissingFieldText[] = "The parameter of request is not enough";
+constexpr unsigned kSubmissionsPort = 465;
 
 // The clients' escape for a line break.
 std::optional<std::string> WithLineBreaks(std::optional<std::string> text) {
@@ -27,6 +29,21 @@ std::string HeaderText(const std::string& text, const std::string& charset) {
   if (!HasEightBitBytes(text)) return text;
   std::string encoded;
   return EncodeWords(text, charset, 'B', encoded) == kEncodeOk ? encoded : text;
+}
+
+// Port 465 speaks TLS from the first byte, as 995 does for POP3; any other
+// port secures the session as [Smtp] Tls says.
+SmtpTls SmtpTlsFor(unsigned port) {
+  if (port == kSubmissionsPort) return SmtpTls::kImplicit;
+  switch (g_settings.smtpTls) {
+    case SmtpTlsSetting::kOff:
+      return SmtpTls::kOff;
+    case SmtpTlsSetting::kRequired:
+      return SmtpTls::kRequired;
+    case SmtpTlsSetting::kAuto:
+      break;
+  }
+  return SmtpTls::kAuto;
 }
 
 }  // namespace
@@ -87,7 +104,9 @@ void MailSender::Send(wxEntryLog& answer) {
     client_.SetPassword(mail_.password ? mail_.password->c_str() : nullptr);
     client_.SetAuthentication(true);
   }
-  client_.SetPort(static_cast<unsigned>(ReadDecimal(mail_.smtpPort)));
+  const auto port = static_cast<unsigned>(ReadDecimal(mail_.smtpPort));
+  client_.SetPort(port);
+  client_.SetTls(SmtpTlsFor(port));
   int result = client_.SMTPConnect(mail_.smtpHost->c_str(), "localhost");
   if (result != 0) {
     WriteFailure(answer, "Connect to smtp server error");

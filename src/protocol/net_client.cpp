@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -113,6 +114,11 @@ int CNetClient::Connect(unsigned port, const char* address, int timeoutSeconds, 
   if (timeoutSeconds >= 0 && SetBlockingMode(0) != 0) return fail(kNetSocketConnectFailed);
 
   ApplyTimeOuts(socket_);
+  // Commands and handshake messages are small writes, often two in a row:
+  // held back to be merged, each such pair would wait for a delayed
+  // acknowledgement (40 ms on Linux).
+  const int noDelay = 1;
+  setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
   remotePort_ = static_cast<uint16_t>(port);
   localPort_ = ntohs(LocalName(socket_).sin_port);
   remoteAddress_ = dotted;

@@ -11,8 +11,17 @@
 
 namespace corvane {
 
+// How a sending session is secured. TLS sessions verify the server's
+// certificate like every TLS connection of the gateway (chain and name).
+enum class SmtpTls {
+  kOff,       // never: the session stays in the clear, STARTTLS offered or not
+  kAuto,      // STARTTLS whenever the server offers it, else the clear session
+  kRequired,  // STARTTLS, or the send fails before any AUTH or MAIL
+  kImplicit,  // TLS from the first byte (the submission port 465)
+};
+
 // Submits mail: EHLO (HELO when the server refuses it), the server's
-// extensions, STARTTLS when security is wanted and offered, AUTH CRAM-MD5 or
+// extensions, STARTTLS as SetTls asks (then EHLO again), AUTH CRAM-MD5 or
 // LOGIN, then one MAIL FROM / RCPT TO / DATA transaction per recipient, so
 // that each address gets its own copy and a Bcc address never shows in a
 // header. Every operation returns a result code (0 success, net_codes.h).
@@ -56,6 +65,8 @@ class SmtpClient : public CNetClient {
   void SetUserName(const char* user);
   void SetPassword(const char* password);
   void SetAuthentication(bool on) { useAuthentication_ = on; }
+  // Off (the clear session) by default.
+  void SetTls(SmtpTls tls) { tls_ = tls; }
 
   // Reads one reply (every line of a multi-line one): its code, 0 when a
   // line is missing or shorter than three bytes.
@@ -90,7 +101,7 @@ class SmtpClient : public CNetClient {
   // all because it holds CR, LF or NUL.
   bool SendCommand(std::string_view command);
   // EHLO (and HELO or STARTTLS with its re-EHLO) after the greeting.
-  int Greet(const char* host, const char* localName, bool securityWanted);
+  int Greet(const char* host, const char* localName);
   int StartTls(const char* host, const char* localName);
   // "To: " or "Cc: " and the list folded at 250 characters.
   void AppendAddressHeader(std::string& out, const char* name,
@@ -105,6 +116,7 @@ class SmtpClient : public CNetClient {
   int responseTimeOut_ = 10;
   bool startTlsOffered_ = false;
   bool useAuthentication_ = false;
+  SmtpTls tls_ = SmtpTls::kOff;
   std::string password_;
   std::string userName_;
   StringList authMethods_;

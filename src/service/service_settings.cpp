@@ -26,6 +26,7 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
   int32_t passive = 0;
   ReadNumber(ini, "Ftp", "Passive", passive);
   s.ftpPassive = passive != 0;
+  s.smtpTls = SmtpTlsFromName(ini.Get("Smtp", "Tls"));
   s.notifyProgram = ini.Get("Pushmail", "Sender");
   // A present but non-numeric Interval gives 0 ms: passes then run back to back.
   if (auto interval = ini.Get("Pushmail", "Interval")) {
@@ -39,6 +40,12 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
   s.defaultBody = ini.Get("Application", "default_body");
   s.logLevel = LogLevelFromName(ini.Get("Application", "log_level"));
   return s;
+}
+
+SmtpTlsSetting SmtpTlsFromName(const std::optional<std::string>& name) {
+  if (!name || strcasecmp(name->c_str(), "auto") == 0) return SmtpTlsSetting::kAuto;
+  if (strcasecmp(name->c_str(), "off") == 0) return SmtpTlsSetting::kOff;
+  return SmtpTlsSetting::kRequired;
 }
 
 int32_t LogLevelFromName(const std::optional<std::string>& name) {

@@ -16,6 +16,7 @@
 #include "gateway_mail/gateway_client.h"
 #include "pop3/pop3_server_env.h"
 #include "support/gateway_process.h"
+#include "support/scoped_env.h"
 
 namespace corvane {
 namespace {
@@ -66,40 +67,110 @@ class SendMailTest : public ::testing::Test {
     return Ask("--req Command=ReceiveMail " + Mailbox(role) + " --param ID=" + id + " " + extra);
   }
 
+  // The Received header exim put on the delivered copy holding `marker`:
+  // "with esmtpsa" for a secured, authenticated submission.
+  std::string ReceivedBy(const std::string& role, const std::string& marker) const {
+    std::string copy = ReadFile(test::DeliveredFile(pop3_.Mailbox(role).maildir, marker));
+    return copy.substr(0, copy.find("\n\t(envelope-from"));
+  }
+
   test::Pop3ServerEnv pop3_{CORVANE_POP3_ENV_FILE};
   test::Pop3ServerEnv smtp_{CORVANE_SMTP_ENV_FILE, "CORVANE_SMTP_ENV"};
+  // Sessions go over TLS whenever exim offers it ([Smtp] Tls=auto): the
+  // gateway trusts the test CA as a machine would trust a provider's.
+  test::ScopedEnv trust_{"SSL_CERT_FILE", smtp_.Get("CA_FILE")};
   GatewayProcess gateway_{"log_level=debug\n"};
 };
 
-TEST_F(SendMailTest, Gb2312MailWithCramMd5ArrivesAndReadsBackByteForByte) {
+TEST_F(SendMailTest, Gb2312MailOverEachKindOfTlsArrivesAndReadsBackByteForByte) {
   // GB2312: "meeting notice" and a two-line body.
-  std::string marker = Marker("gb");
-  std::string subject = "\xbb\xe1\xd2\xe9\xcd\xa8\xd6\xaa " + marker;
-  std::string body = "\xc3\xf7\xcc\xec\xbf\xaa\xbb\xe1\xa1\xa3\r\n.\xb5\xda\xb6\xfe\xd0\xd0";
-  GatewayAnswer sent =
-      Ask("--req Command=SendMail " + SmtpAccount() + " --param From=outboxuser@localhost" +
-          " --param Name=" + Quoted("\xd5\xc5\xc8\xfd") + " --param To=inboxuser@localhost" +
-          " --param Subject=" + Quoted(subject) + " --param Body=" + Quoted(body) +
-          " --param Priority=" + Quoted(marker));
-  ASSERT_EQ(sent["Status"], "success") << sent.output;
-  EXPECT_NE(ReadFile(smtp_.Get("MAIN_LOG")).find("A=cram_md5"), std::string::npos);
+  const std::string body = "\xc3\xf7\xcc\xec\xbf\xaa\xbb\xe1\xa1\xa3\r\n.\xb5\xda\xb6\xfe\xd0\xd0";
+  // STARTTLS and then CRAM-MD5; a submission port that offers AUTH (LOGIN)
+  // only once TLS is up; TLS from the first byte on 465.
+  for (const char* portKey : {"SMTP_PORT", "SMTP_LOGIN_PORT", "SMTPS_PORT"}) {
+    SCOPED_TRACE(portKey);
+    std::string marker = Marker(portKey);
+    std::string subject = "\xbb\xe1\xd2\xe9\xcd\xa8\xd6\xaa " + marker;
+    GatewayAnswer sent =
+        Ask("--req Command=SendMail --req Smtp=127.0.0.1 --req SmtpPort=" + smtp_.Get(portKey) +
+            " --req Login=" + smtp_.Get("SMTP_USER") + " --req Pwd=" + smtp_.Get("SMTP_PASS") +
+            " --req Auth=true --param From=outboxuser@localhost" +
+            " --param Name=" + Quoted("\xd5\xc5\xc8\xfd") + " --param To=inboxuser@localhost" +
+            " --param Subject=" + Quoted(subject) + " --param Body=" + Quoted(body) +
+            " --param Priority=" + Quoted(marker));
+    ASSERT_EQ(sent["Status"], "success") << sent.output << gateway_.LogText();
 
-  std::string id = DeliveredId("INBOX", marker);
-  ASSERT_FALSE(id.empty()) << "not delivered";
-  GatewayAnswer listed = Ask("--req Command=ListMail " + Mailbox("INBOX"));
-  ASSERT_EQ(listed["Status"], "success") << listed.output;
-  EXPECT_NE(listed.output.find(id), std::string::npos);
+    std::string id = DeliveredId("INBOX", marker);
+    ASSERT_FALSE(id.empty()) << "not delivered";
+    EXPECT_NE(ReceivedBy("INBOX", marker).find(" with esmtpsa "), std::string::npos)
+        << ReceivedBy("INBOX", marker);
+    GatewayAnswer listed = Ask("--req Command=ListMail " + Mailbox("INBOX"));
+    ASSERT_EQ(listed["Status"], "success") << listed.output;
+    EXPECT_NE(listed.output.find(id), std::string::npos);
 
-  GatewayAnswer read = Receive("INBOX", id);
-  ASSERT_EQ(read["Status"], "success") << read.output;
-  EXPECT_EQ(read["Subject"], subject);
-  EXPECT_EQ(read["From"], "\xd5\xc5\xc8\xfd<outboxuser@localhost>");
-  EXPECT_EQ(read["To"], "inboxuser@localhost");
-  // The 8-bit subject went out encoded; the priority, the marker searched
-  // for, as it stands.
-  EXPECT_EQ(read["Priority"], marker);
-  // The body comes back as it went, the dot line unharmed by the stuffing.
-  EXPECT_EQ(read["Body"].substr(0, body.size()), body);
+    GatewayAnswer read = Receive("INBOX", id);
+    ASSERT_EQ(read["Status"], "success") << read.output;
+    EXPECT_EQ(read["Subject"], subject);
+    EXPECT_EQ(read["From"], "\xd5\xc5\xc8\xfd<outboxuser@localhost>");
+    EXPECT_EQ(read["To"], "inboxuser@localhost");
+    // The 8-bit subject went out encoded; the priority, the marker searched
+    // for, as it stands.
+    EXPECT_EQ(read["Priority"], marker);
+    // The body comes back as it went, the dot line unharmed by the stuffing.
+    EXPECT_EQ(read["Body"].substr(0, body.size()), body);
+  }
+}
+
+TEST_F(SendMailTest, TlsSettingsAndCertificatesDecideWhetherMailGoesAtAll) {
+  struct Case {
+    const char* what;
+    const char* config;     // the [Smtp] section
+    const char* trustedCa;  // the CA the gateway trusts
+    const char* portKey;
+    bool sent;
+    const char* logged;  // on failure, the cause in the gateway's log
+  };
+  const Case cases[] = {
+      {"an untrusted certificate", "", "OTHER_CA_FILE", "SMTP_PORT", false,
+       "smtp server error: Failed to verify the certificate"},
+      {"an untrusted certificate on 465", "", "OTHER_CA_FILE", "SMTPS_PORT", false,
+       "smtp server error: Failed to verify the certificate"},
+      {"required without STARTTLS", "Tls=required", "CA_FILE", "SMTP_CLEAR_PORT", false,
+       "STARTTLS not supported by the SMTP server."},
+      {"auto without STARTTLS", "", "CA_FILE", "SMTP_CLEAR_PORT", true, ""},
+      {"off", "Tls=off", "CA_FILE", "SMTP_PORT", true, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    test::ScopedEnv trust("SSL_CERT_FILE", pop3_.Get(c.trustedCa));
+    GatewayProcess gateway("log_level=debug\n[Smtp]\n" + std::string(c.config) + "\n");
+    ASSERT_TRUE(gateway.Start());
+    std::string marker = Marker(c.what);
+    std::string sender = marker;  // made fit for an address
+    sender.erase(
+        std::remove_if(sender.begin(), sender.end(),
+                       [](char ch) { return !std::isalnum(static_cast<unsigned char>(ch)); }),
+        sender.end());
+    GatewayAnswer answer = AskGateway(
+        gateway.port(),
+        "--req Command=SendMail --req Smtp=127.0.0.1 --req SmtpPort=" + smtp_.Get(c.portKey) +
+            " --req Login=" + smtp_.Get("SMTP_USER") + " --req Pwd=" + smtp_.Get("SMTP_PASS") +
+            " --req Auth=true" + " --param From=" + sender + "@localhost" +
+            " --param To=inboxuser@localhost --param Subject=" + Quoted(marker));
+    const std::string mainLog = ReadFile(smtp_.Get("MAIN_LOG"));
+    if (c.sent) {
+      EXPECT_EQ(answer["Status"], "success") << answer.output << gateway.LogText();
+      // Authenticated in the clear: "esmtpa", not "esmtpsa".
+      EXPECT_NE(ReceivedBy("INBOX", marker).find(" with esmtpa "), std::string::npos)
+          << ReceivedBy("INBOX", marker);
+      continue;
+    }
+    EXPECT_EQ(answer["Status"], "fail");
+    EXPECT_EQ(answer["Log"], "Connect to smtp server error");
+    EXPECT_NE(gateway.LogText().find(c.logged), std::string::npos) << gateway.LogText();
+    // Nothing got as far as a message: exim accepted none from this sender.
+    EXPECT_EQ(mainLog.find("<= " + sender + "@localhost"), std::string::npos);
+  }
 }
 
 TEST_F(SendMailTest, Utf8MailReadsBackInUtf8AndInGb2312) {
@@ -191,6 +262,8 @@ TEST_F(SendMailTest, ReplyQuotesTheOriginalAndGoesToItsSender) {
   ASSERT_EQ(replied["Status"], "success") << replied.output;
   std::string replyId = DeliveredId("OUTBOX", "Reply: " + marker);
   ASSERT_FALSE(replyId.empty()) << "the reply did not reach the original sender";
+  // Sent the way SendMail sends: over STARTTLS, which exim offers.
+  EXPECT_NE(ReceivedBy("OUTBOX", "Reply: " + marker).find(" with esmtps "), std::string::npos);
   GatewayAnswer reply = Receive("OUTBOX", replyId);
   EXPECT_EQ(reply["Subject"], "Reply: " + marker);
   const std::string body = reply["Body"];

@@ -45,7 +45,7 @@ class SmtpEximTest : public ::testing::Test {
 TEST_F(SmtpEximTest, StartTlsGreetsAgainForTheMethodsThenLogsInAndDelivers) {
   // The second port names its AUTH methods only inside TLS.
   SmtpClient client;
-  client.SetSecurityEnabled(true);
+  client.SetTls(SmtpTls::kAuto);
   client.SetTrustedCaFile(smtp_.Get("CA_FILE").c_str());
   client.SetAuthentication(true);
   ASSERT_EQ(Connect(client, "SMTP_LOGIN_PORT"), 0);
@@ -62,7 +62,7 @@ TEST_F(SmtpEximTest, StartTlsGreetsAgainForTheMethodsThenLogsInAndDelivers) {
   EXPECT_NE(ReadFile(smtp_.Get("MAIN_LOG")).find("A=login:smtpuser"), std::string::npos);
 
   SmtpClient refused;
-  refused.SetSecurityEnabled(true);
+  refused.SetTls(SmtpTls::kAuto);
   refused.SetTrustedCaFile(smtp_.Get("CA_FILE").c_str());
   refused.SetAuthentication(true);
   EXPECT_EQ(Connect(refused, "SMTP_LOGIN_PORT", "wrong"), 41);

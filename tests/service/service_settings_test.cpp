@@ -25,6 +25,7 @@ TEST(ServiceSettingsTest, NoFileGivesEveryDefault) {
   EXPECT_FALSE(s.ftpPassword.has_value());
   EXPECT_EQ(s.ftpPort, 21);
   EXPECT_FALSE(s.ftpPassive);
+  EXPECT_EQ(s.smtpTls, SmtpTlsSetting::kAuto);
   EXPECT_FALSE(s.notifyProgram.has_value());
   EXPECT_FALSE(s.defaultBody.has_value());
   EXPECT_EQ(s.checkIntervalMs, 60000);
@@ -37,6 +38,7 @@ TEST(ServiceSettingsTest, NoFileGivesEveryDefault) {
 TEST(ServiceSettingsTest, EveryKeyIsReadFromItsSection) {
   ServiceSettings s = LoadFrom(
       "[Ftp]\nHost=ftp.local\nLogin=up\nPwd=secret\nPort=2121\nPassive=1\n"
+      "[Smtp]\nTls=off\n"
       "[Pushmail]\nSender=/opt/push/notify\nInterval=5\n"
       "[Application]\nport=8600\nsubject_length=24\npop3_timeout=45\n"
       "default_body=(no text)\nlog_level=error\n");
@@ -45,6 +47,7 @@ TEST(ServiceSettingsTest, EveryKeyIsReadFromItsSection) {
   EXPECT_EQ(s.ftpPassword, "secret");
   EXPECT_EQ(s.ftpPort, 2121);
   EXPECT_TRUE(s.ftpPassive);
+  EXPECT_EQ(s.smtpTls, SmtpTlsSetting::kOff);
   EXPECT_EQ(s.notifyProgram, "/opt/push/notify");
   EXPECT_EQ(s.checkIntervalMs, 5000);
   EXPECT_EQ(s.listenPort, 8600);
@@ -66,6 +69,15 @@ TEST(ServiceSettingsTest, NumbersAreLeadingDigitsOnly) {
   ServiceSettings s = LoadFrom("[Pushmail]\nInterval= 7s\n[Application]\nport=+9100x\n");
   EXPECT_EQ(s.checkIntervalMs, 7000);
   EXPECT_EQ(s.listenPort, 9100);
+}
+
+TEST(ServiceSettingsTest, SmtpTlsNamesMatchWithoutCaseAndUnknownIsRequired) {
+  EXPECT_EQ(SmtpTlsFromName(std::nullopt), SmtpTlsSetting::kAuto);
+  EXPECT_EQ(SmtpTlsFromName("AUTO"), SmtpTlsSetting::kAuto);
+  EXPECT_EQ(SmtpTlsFromName("Off"), SmtpTlsSetting::kOff);
+  EXPECT_EQ(SmtpTlsFromName("required"), SmtpTlsSetting::kRequired);
+  EXPECT_EQ(SmtpTlsFromName("of"), SmtpTlsSetting::kRequired);
+  EXPECT_EQ(SmtpTlsFromName(""), SmtpTlsSetting::kRequired);
 }
 
 TEST(ServiceSettingsTest, LogLevelNamesMatchWithoutCaseAndUnknownIsInfo) {

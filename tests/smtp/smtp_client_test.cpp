@@ -63,17 +63,6 @@ TEST(SmtpGreeting, OneLineRefusalOfEhloFallsBackToHelo) {
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
 }
 
-TEST(SmtpGreeting, RefusedEhloWithSecurityWantedIsNoStartTls) {
-  ScriptedPeer peer({Send("220 old.test\r\n"), Expect("EHLO localhost\r\n"),
-                     Send("502 Command not implemented\r\n"), Expect("QUIT\r\n")});
-  SmtpClient client;
-  client.SetSecurityEnabled(true);
-  EXPECT_EQ(Connect(client, peer), 145);
-  client.SMTPClose();
-  EXPECT_TRUE(peer.Finish()) << peer.Errors();
-  EXPECT_EQ(peer.Received().find("HELO"), std::string::npos);
-}
-
 TEST(SmtpGreeting, BadGreetingOrHeloAndNoServer) {
   {
     ScriptedPeer peer({Send("554 go away\r\n")});
@@ -272,63 +261,103 @@ TEST(SmtpAuth, MissingCredentialsAndUnknownMethods) {
   EXPECT_EQ(peer.Received().find("AUTH"), std::string::npos);
 }
 
-class SmtpStartTls : public ::testing::Test {
+class SmtpSecurity : public ::testing::Test {
  protected:
+  // The steps of a TLS handshake with a server certified by `ca`.
+  static Step Handshake(test::TestCa& ca, test::Handshake outcome = test::Handshake::kMustSucceed) {
+    return test::TlsAccept(test::ServerContext(ca.IssueLocalhost()), outcome);
+  }
+  static std::vector<Step> Upgrade(Step handshake) {
+    return {Expect("STARTTLS\r\n"), Send("220 go ahead\r\n"), std::move(handshake)};
+  }
+  // EHLO again (inside TLS) answered with `reply`.
+  static std::vector<Step> Ehlo(const std::string& reply) {
+    return {Expect("EHLO localhost\r\n"), Send(reply)};
+  }
+  static std::vector<Step> Login() {
+    return {Expect("AUTH LOGIN\r\n"),     Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+            Send("334 UGFzc3dvcmQ6\r\n"), Expect("c2VjcmV0\r\n"),       Send("235 ok\r\n")};
+  }
+
   test::TempDir dir_;
   test::TestCa ca_{dir_.path()};
-  test::TestCert server_ = ca_.IssueLocalhost();
+  test::TestCa stranger_{dir_.path(), "Stranger CA"};
 };
 
-TEST_F(SmtpStartTls, UpgradesThenGreetsAgainForTheMethodsOfTheSecureSession) {
-  ScriptedPeer peer(
-      Join({Greeting("250-mail.test\r\n250 STARTTLS\r\n"),
-            {Expect("STARTTLS\r\n"), Send("220 go ahead\r\n"),
-             test::TlsAccept(test::ServerContext(server_)), Expect("EHLO localhost\r\n"),
-             Send("250-mail.test\r\n250 AUTH LOGIN\r\n"), Expect("AUTH LOGIN\r\n"),
-             Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"), Send("334 UGFzc3dvcmQ6\r\n"),
-             Expect("c2VjcmV0\r\n"), Send("235 ok\r\n"), Expect("QUIT\r\n")}}));
-  SmtpClient client;
-  client.SetSecurityEnabled(true);
-  client.SetTrustedCaFile(ca_.CaFile().c_str());
-  client.SetAuthentication(true);
-  client.SetUserName("user");
-  client.SetPassword("secret");
-  EXPECT_EQ(Connect(client, peer), 0);
-  EXPECT_TRUE(client.IsSessionSecure());
-  client.SMTPClose();
-  EXPECT_TRUE(peer.Finish()) << peer.Errors();
-}
-
-TEST_F(SmtpStartTls, WithoutTheOfferTheSessionStaysPlainAndTheWishIsKept) {
-  ScriptedPeer peer(Join({Greeting("250-mail.test\r\n250 SIZE 1000\r\n"), {Expect("QUIT\r\n")}}));
-  SmtpClient client;
-  client.SetSecurityEnabled(true);
-  EXPECT_EQ(Connect(client, peer), 0);
-  EXPECT_FALSE(client.IsSessionSecure());
-  EXPECT_TRUE(client.GetSecurityEnabled());
-  client.SMTPClose();
-  EXPECT_TRUE(peer.Finish()) << peer.Errors();
-}
-
-TEST_F(SmtpStartTls, RefusedStartTlsAndUntrustedServer) {
-  {
-    ScriptedPeer peer(Join({Greeting("250-mail.test\r\n250 STARTTLS\r\n"),
-                            {Expect("STARTTLS\r\n"), Send("454 TLS not available\r\n")}}));
+TEST_F(SmtpSecurity, EachModeAgainstWhatTheServerOffers) {
+  const std::string offer = "250-mail.test\r\n250-AUTH CRAM-MD5\r\n250 STARTTLS\r\n";
+  const std::string noOffer = "250-mail.test\r\n250 AUTH LOGIN\r\n";
+  const std::string insideTls = "250-mail.test\r\n250 AUTH LOGIN\r\n";
+  const Step greeting = Send("220 mail.test ESMTP\r\n");
+  struct Case {
+    const char* what;
+    SmtpTls tls;
+    std::vector<Step> script;
+    int code;  // -1: a certificate failure, 120..143
+    bool secure;
+  };
+  std::vector<Case> cases;
+  cases.push_back(
+      {"off leaves an offer alone", SmtpTls::kOff,
+       Join({test::SmtpGreeting(offer), {Expect("AUTH CRAM-MD5\r\n"), Send("535 no\r\n")}}), 86,
+       false});
+  cases.push_back({"auto without an offer stays clear", SmtpTls::kAuto,
+                   Join({test::SmtpGreeting(noOffer), Login()}), 0, false});
+  cases.push_back(
+      {"auto with an offer forgets the methods of the clear session", SmtpTls::kAuto,
+       Join({test::SmtpGreeting(offer), Upgrade(Handshake(ca_)), Ehlo(insideTls), Login()}), 0,
+       true});
+  cases.push_back({"auto: a server without EHLO gets HELO", SmtpTls::kAuto,
+                   Join({test::SmtpGreeting("502 no\r\n"),
+                         {Expect("HELO localhost\r\n"), Send("250 old.test\r\n")}}),
+                   0, false});
+  cases.push_back({"a refused upgrade is a failure", SmtpTls::kAuto,
+                   Join({test::SmtpGreeting(offer),
+                         {Expect("STARTTLS\r\n"), Send("454 TLS not available\r\n")}}),
+                   54, false});
+  cases.push_back(
+      {"an untrusted certificate is a failure", SmtpTls::kAuto,
+       Join({test::SmtpGreeting(offer), Upgrade(Handshake(stranger_, test::Handshake::kMustFail))}),
+       -1, false});
+  cases.push_back(
+      {"required without an offer", SmtpTls::kRequired, test::SmtpGreeting(noOffer), 145, false});
+  cases.push_back(
+      {"required without EHLO", SmtpTls::kRequired, test::SmtpGreeting("502 no\r\n"), 145, false});
+  cases.push_back(
+      {"required with an offer", SmtpTls::kRequired,
+       Join({test::SmtpGreeting(offer), Upgrade(Handshake(ca_)), Ehlo(insideTls), Login()}), 0,
+       true});
+  cases.push_back({"implicit", SmtpTls::kImplicit,
+                   Join({{Handshake(ca_), greeting}, Ehlo(insideTls), Login()}), 0, true});
+  cases.push_back({"implicit with an untrusted certificate",
+                   SmtpTls::kImplicit,
+                   {Handshake(stranger_, test::Handshake::kMustFail)},
+                   -1,
+                   false});
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScriptedPeer peer(std::move(c.script));
     SmtpClient client;
-    client.SetSecurityEnabled(true);
-    EXPECT_EQ(Connect(client, peer), 54);
+    client.SetTls(c.tls);
+    client.SetTrustedCaFile(ca_.CaFile().c_str());
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    client.SetPassword("secret");
+    const int code = Connect(client, peer);
+    if (c.code < 0) {
+      EXPECT_TRUE(code == kNetCertChainFailed || code == kNetCertTrustFailed) << code;
+    } else {
+      EXPECT_EQ(code, c.code);
+    }
+    EXPECT_EQ(client.IsSessionSecure(), c.secure);
+    client.CloseConnection();
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+    // A failure never goes on in the clear, and never on a second connection.
+    EXPECT_EQ(peer.Connections(), 1);
+    if (code != 0 && c.tls != SmtpTls::kOff) {
+      EXPECT_EQ(peer.Received().find("AUTH"), std::string::npos);
+    }
   }
-  test::TestCa stranger(dir_.path(), "Stranger CA");
-  ScriptedPeer peer(Join({Greeting("250-mail.test\r\n250 STARTTLS\r\n"),
-                          {Expect("STARTTLS\r\n"), Send("220 go ahead\r\n"),
-                           test::TlsAccept(test::ServerContext(stranger.IssueLocalhost()),
-                                           test::Handshake::kMustFail)}}));
-  SmtpClient client;
-  client.SetSecurityEnabled(true);
-  client.SetTrustedCaFile(ca_.CaFile().c_str());
-  int code = Connect(client, peer);
-  EXPECT_GE(code, 120);
-  EXPECT_LE(code, 143);
 }
 
 TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
