@@ -1,6 +1,8 @@
 #include "mime/mime_composer.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 
 #include "mime/encoded_words.h"
 #include "mime/gmime_handle.h"
+#include "mime/gmime_sink_stream.h"
 
 namespace corvane {
 namespace {
@@ -161,12 +164,16 @@ std::string AttachmentName(const std::string& path, const std::string& charset) 
 }
 
 // A base64 part reading the file as the message is written; null when the
-// file cannot be opened.
+// file cannot be opened or is no regular file (a directory would fail only
+// half-way through the message, a device might never end).
 GMimeHandle<GMimePart> FilePart(const std::string& path, const std::string& charset) {
-  GError* rawError = nullptr;
-  GMimeHandle<GMimeStream> file(g_mime_stream_fs_open(path.c_str(), O_RDONLY, 0, &rawError));
-  GErrorHandle error(rawError);
-  if (!file) return nullptr;
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat status;
+  if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (fd >= 0) ::close(fd);
+    return nullptr;
+  }
+  GMimeHandle<GMimeStream> file(g_mime_stream_fs_new(fd));
   GMimeHandle<GMimePart> part(g_mime_part_new_with_type("application", "octet-stream"));
   GMimeHandle<GMimeDataWrapper> wrapper(
       g_mime_data_wrapper_new_with_stream(file.get(), GMIME_CONTENT_ENCODING_DEFAULT));
@@ -197,19 +204,6 @@ std::string TextContentType(const MailMessage& message) {
   return "text/plain; charset=\"" + FoldedHeaderValue(message.Charset()) + "\"";
 }
 
-int WriteAll(std::string_view bytes, DataSource& target) {
-  if (target.Open(DataSource::kOpenWrite) != 0) return kMimeTargetOpenFailed;
-  while (!bytes.empty()) {
-    int n = static_cast<int>(std::min<size_t>(bytes.size(), kWriteChunk));
-    if (target.Write(bytes.data(), n) != n) {
-      target.Close();
-      return kMimeTargetWriteFailed;
-    }
-    bytes.remove_prefix(static_cast<size_t>(n));
-  }
-  return target.Close() == 0 ? kMimeOk : kMimeTargetWriteFailed;
-}
-
 }  // namespace
 
 std::string FoldedHeaderValue(std::string_view value) {
@@ -235,22 +229,30 @@ std::string FoldedHeaderValue(std::string_view value) {
   return out;
 }
 
-int ComposeMessage(const MailMessage& message, DataSource& target) {
+struct MessageComposition::Parts {
+  // The header block the message starts with; a single text part's own
+  // fields and the blank line are in it, a multipart writes its own.
+  std::string headers;
+  GMimeHandle<GMimeObject> body;
+  bool multipart = false;
+};
+
+MessageComposition::MessageComposition() = default;
+MessageComposition::~MessageComposition() = default;
+
+int MessageComposition::Prepare(const MailMessage& message) {
   EnsureGMimeInitialised();
-  FormatOptionsHandle options(g_mime_format_options_new());
-  g_mime_format_options_set_newline_format(options.get(), GMIME_NEWLINE_FORMAT_DOS);
-  GMimeHandle<GMimeStream> out(g_mime_stream_mem_new());
-  std::string headers = HeaderBlock(message);
+  auto parts = std::make_unique<Parts>();
+  parts->headers = HeaderBlock(message);
   GMimeHandle<GMimePart> text = TextPart(message);
 
   if (message.AttachmentFiles().empty()) {
-    AppendField("Content-Type:", TextContentType(message), headers);
+    AppendField("Content-Type:", TextContentType(message), parts->headers);
     AppendField("Content-Transfer-Encoding:",
                 g_mime_content_encoding_to_string(g_mime_part_get_content_encoding(text.get())),
-                headers);
-    headers += "\r\n";
-    g_mime_stream_write(out.get(), headers.data(), headers.size());
-    g_mime_object_write_content_to_stream(GMIME_OBJECT(text.get()), options.get(), out.get());
+                parts->headers);
+    parts->headers += "\r\n";
+    parts->body.reset(GMIME_OBJECT(text.release()));
   } else {
     if (const std::string* listed = ListedTextType(message)) {
       GMimeHandle<GMimeContentType> type(
@@ -268,19 +270,62 @@ int ComposeMessage(const MailMessage& message, DataSource& target) {
       if (!file) return kMimeFileOpenFailed;
       g_mime_multipart_add(mixed.get(), GMIME_OBJECT(file.get()));
     }
-    g_mime_stream_write(out.get(), headers.data(), headers.size());
-    if (g_mime_object_write_to_stream(GMIME_OBJECT(mixed.get()), options.get(), out.get()) < 0) {
-      return kMimeFileOpenFailed;  // a file that opened but could not be read
-    }
+    parts->body.reset(GMIME_OBJECT(mixed.release()));
+    parts->multipart = true;
   }
+  parts_ = std::move(parts);
+  return kMimeOk;
+}
 
-  GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(out.get()));
-  std::string_view written(reinterpret_cast<const char*>(bytes->data), bytes->len);
-  if (written.size() < 2 || written.substr(written.size() - 2) != "\r\n") {
-    g_mime_stream_write(out.get(), "\r\n", 2);
-    written = std::string_view(reinterpret_cast<const char*>(bytes->data), bytes->len);
-  }
-  return WriteAll(written, target);
+int MessageComposition::WriteTo(const TextSink& sink) const {
+  if (!parts_) return kMimeFileOpenFailed;
+  bool refused = false;
+  char last[2] = {'\0', '\0'};
+  const TextSink tracking = [&](std::string_view bytes) {
+    if (!sink(bytes)) {
+      refused = true;
+      return false;
+    }
+    if (bytes.size() >= 2) {
+      last[0] = bytes[bytes.size() - 2];
+    } else {
+      last[0] = last[1];
+    }
+    last[1] = bytes.back();
+    return true;
+  };
+  GMimeHandle<GMimeStream> out = NewSinkStream(tracking);
+  FormatOptionsHandle options(g_mime_format_options_new());
+  g_mime_format_options_set_newline_format(options.get(), GMIME_NEWLINE_FORMAT_DOS);
+  GMimeObject* body = parts_->body.get();
+  bool written =
+      g_mime_stream_write(out.get(), parts_->headers.data(), parts_->headers.size()) >= 0 &&
+      (parts_->multipart
+           ? g_mime_object_write_to_stream(body, options.get(), out.get())
+           : g_mime_object_write_content_to_stream(body, options.get(), out.get())) >= 0 &&
+      g_mime_stream_flush(out.get()) == 0;
+  // The last line ends like every other.
+  if (written && (last[0] != '\r' || last[1] != '\n')) written = tracking("\r\n");
+  if (written) return kMimeOk;
+  // Not the sink: a file that opened but could not be read.
+  return refused ? kMimeTargetWriteFailed : kMimeFileOpenFailed;
+}
+
+int ComposeMessage(const MailMessage& message, DataSource& target) {
+  MessageComposition composition;
+  int result = composition.Prepare(message);
+  if (result != kMimeOk) return result;
+  if (target.Open(DataSource::kOpenWrite) != 0) return kMimeTargetOpenFailed;
+  result = composition.WriteTo([&target](std::string_view bytes) {
+    while (!bytes.empty()) {
+      int n = static_cast<int>(std::min<size_t>(bytes.size(), kWriteChunk));
+      if (target.Write(bytes.data(), n) != n) return false;
+      bytes.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+  });
+  if (target.Close() != 0 && result == kMimeOk) result = kMimeTargetWriteFailed;
+  return result;
 }
 
 }  // namespace corvane

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "mime/mail_message.h"
+#include "mime/text_sink.h"
 #include "protocol/data_source.h"
 
 namespace corvane {
@@ -34,5 +36,26 @@ std::string FoldedHeaderValue(std::string_view value);
 // kMimeFileOpenFailed when an attachment cannot be read, kMimeTargetOpenFailed
 // or kMimeTargetWriteFailed.
 int ComposeMessage(const MailMessage& message, DataSource& target);
+
+// The same message written as it is made: Prepare builds its parts and opens
+// its attachment files (kMimeOk, or kMimeFileOpenFailed); WriteTo writes it
+// whole to a sink, each time it is called, reading and encoding each file as
+// its part goes out, so the message is never held whole. WriteTo gives
+// kMimeOk, kMimeTargetWriteFailed when the sink stopped it, or
+// kMimeFileOpenFailed when a file could not be read (or nothing is prepared).
+class MessageComposition {
+ public:
+  MessageComposition();
+  ~MessageComposition();
+  MessageComposition(const MessageComposition&) = delete;
+  MessageComposition& operator=(const MessageComposition&) = delete;
+
+  int Prepare(const MailMessage& message);
+  int WriteTo(const TextSink& sink) const;
+
+ private:
+  struct Parts;
+  std::unique_ptr<Parts> parts_;
+};
 
 }  // namespace corvane

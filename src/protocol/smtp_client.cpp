@@ -11,7 +11,6 @@
 
 #include "mime/mime_composer.h"
 #include "protocol/command_text.h"
-#include "protocol/mapped_file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
 #include "protocol/sasl_encoding.h"
@@ -52,38 +51,20 @@ bool WrittenPerTransaction(std::string_view field) {
   return false;
 }
 
-// One whole line of `source` (any length) with its line end; false at the end.
-bool ReadWholeLine(DataSource& source, std::string& line) {
-  line.clear();
-  char piece[4096];
-  int n;
-  while ((n = source.ReadLine(piece, sizeof piece)) > 0) {
-    line.append(piece, static_cast<size_t>(n));
-    if (piece[n - 1] == '\n') break;
-  }
-  return !line.empty();
-}
-
-// Splits a composed message into its header fields (each with its folds and
-// final line end) and a source holding the rest, the body.
-bool SplitComposed(DataSource& composed, std::vector<std::string>& fields, DataSource& body) {
-  if (composed.Open(DataSource::kOpenRead) != 0) return false;
-  std::string line;
-  while (ReadWholeLine(composed, line) && line != "\r\n") {
+// The fields of a header block (each with its folds and final line end).
+std::vector<std::string> HeaderFields(std::string_view block) {
+  std::vector<std::string> fields;
+  while (!block.empty()) {
+    size_t end = block.find('\n');
+    std::string_view line = block.substr(0, end == std::string_view::npos ? block.size() : end + 1);
     if ((line[0] == ' ' || line[0] == '\t') && !fields.empty()) {
       fields.back() += line;
     } else {
-      fields.push_back(line);
+      fields.emplace_back(line);
     }
+    block.remove_prefix(line.size());
   }
-  bool copied = body.Open(DataSource::kOpenWrite) == 0;
-  std::vector<char> block(kSendBatch + 1);
-  int n;
-  while (copied && (n = composed.Read(block.data(), static_cast<int>(kSendBatch))) > 0) {
-    copied = body.Write(block.data(), n) == n;
-  }
-  composed.Close();
-  return body.Close() == 0 && copied;
+  return fields;
 }
 
 // The addresses of every `id` field of `message`, split at line ends, tabs
@@ -136,6 +117,9 @@ std::optional<std::string> BareAddress(std::string_view text, size_t room) {
 class SmtpClient::DataWriter {
  public:
   explicit DataWriter(CNetClient& client) : client_(client) { batch_.reserve(kSendBatch * 2); }
+  // From here on a line longer than `limit` bytes goes out as lines of its
+  // pieces (0: no limit), as a body read line by line from a file does.
+  void LimitLines(size_t limit) { lineLimit_ = limit; }
   bool Add(std::string_view bytes) {
     while (!bytes.empty()) {
       const char c = bytes.front();
@@ -143,14 +127,22 @@ class SmtpClient::DataWriter {
         if (c == '\r' || !afterCr_) batch_ += "\r\n";
         afterCr_ = c == '\r';
         atLineStart_ = true;
+        lineLength_ = 0;
         bytes.remove_prefix(1);
         continue;
+      }
+      if (lineLimit_ > 0 && lineLength_ == lineLimit_) {
+        batch_ += "\r\n";
+        atLineStart_ = true;
+        lineLength_ = 0;
       }
       if (atLineStart_ && c == '.') batch_ += '.';
       // A plain loop: find_first_of calls memchr once for every byte here.
       size_t run = 1;
       while (run < bytes.size() && bytes[run] != '\r' && bytes[run] != '\n') ++run;
+      if (lineLimit_ > 0) run = std::min(run, lineLimit_ - lineLength_);
       batch_.append(bytes.data(), run);
+      lineLength_ += run;
       bytes.remove_prefix(run);
       atLineStart_ = afterCr_ = false;
     }
@@ -170,6 +162,8 @@ class SmtpClient::DataWriter {
   std::string batch_;
   bool atLineStart_ = true;
   bool afterCr_ = false;
+  size_t lineLength_ = 0;
+  size_t lineLimit_ = 0;
 };
 
 SmtpClient::SmtpClient() = default;
@@ -415,27 +409,42 @@ int SmtpClient::SendRecipient(std::string_view recipient, const MailMessage& mes
   }
   const long total = static_cast<long>(size) * bytesScale;
 
-  std::optional<std::string> to = BareAddress(recipient, kLineRoom - 1);
-  if (!to) return OnError(kNetBadAddress);
-  const std::string* fromField = message.HeaderValue(kFieldFrom, 0);
-  if (fromField == nullptr) return OnError(kNetBufferTooShort);
-  std::optional<std::string> from = BareAddress(*fromField, kLineRoom - 1);
-  if (!from) return OnError(kNetBadAddress);
+  int result = OpenData(recipient, message);
+  if (result != kNetOk) return OnError(result);
+  DataWriter out(*this);
+  result = WriteHeaders(out, message, toList, ccList);
+  if (result != kNetOk) return OnError(result);
 
+  result = SendBody(out, bodySource, full ? fullSource : nullptr, useFull, bytesSent, total);
+  if (result != kNetOk) return OnError(result);
+  return OnError(EndData());
+}
+
+int SmtpClient::OpenData(std::string_view recipient, const MailMessage& message) {
+  std::optional<std::string> to = BareAddress(recipient, kLineRoom - 1);
+  if (!to) return kNetBadAddress;
+  const std::string* fromField = message.HeaderValue(kFieldFrom, 0);
+  if (fromField == nullptr) return kNetBufferTooShort;
+  std::optional<std::string> from = BareAddress(*fromField, kLineRoom - 1);
+  if (!from) return kNetBadAddress;
   if (!SendCommand("MAIL FROM:<" + *from + ">") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
-    return OnError(kNetNoServerResponse);
+    return kNetNoServerResponse;
   }
   if (!SendCommand("RCPT TO:<" + *to + ">") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
-    return OnError(kNetRcptFailed);
+    return kNetRcptFailed;
   }
-  if (!SendCommand("DATA") || GetResponseCode(responseTimeOut_) != 354) {
-    return OnError(kNetDataFailed);
-  }
+  if (!SendCommand("DATA") || GetResponseCode(responseTimeOut_) != 354) return kNetDataFailed;
+  return kNetOk;
+}
 
+int SmtpClient::WriteHeaders(DataWriter& out, const MailMessage& message,
+                             const std::vector<std::string>& toList,
+                             const std::vector<std::string>& ccList) {
+  const std::string* fromField = message.HeaderValue(kFieldFrom, 0);
+  const std::string* subject = message.HeaderValue(kFieldSubject, 0);
+  if (fromField == nullptr || subject == nullptr) return kNetBufferTooShort;
   std::string headers = "From: " + FoldedHeaderValue(*fromField) + "\r\n";
   AppendAddressHeader(headers, "To: ", toList);
-  const std::string* subject = message.HeaderValue(kFieldSubject, 0);
-  if (subject == nullptr) return OnError(kNetBufferTooShort);
   headers += "Subject: " + FoldedHeaderValue(*subject) + "\r\n";
   char date[64];
   GetDateString(date, sizeof date);
@@ -446,14 +455,13 @@ int SmtpClient::SendRecipient(std::string_view recipient, const MailMessage& mes
     if (!EndsWithCrLf(*line)) headers += "\r\n";
   }
   headers += "\r\n";
-  DataWriter out(*this);
-  if (!out.Add(headers)) return OnError(kNetSendFailed);
+  return out.Add(headers) ? kNetOk : kNetSendFailed;
+}
 
-  int result = SendBody(out, bodySource, full ? fullSource : nullptr, useFull, bytesSent, total);
-  if (result != kNetOk) return OnError(result);
+int SmtpClient::EndData() {
   constexpr std::string_view kEnd = "\r\n.\r\n";
   Send(kEnd.data(), static_cast<int>(kEnd.size()));
-  return OnError(IsSuccess(GetResponseCode(responseTimeOut_)) ? kNetOk : kNetNoServerResponse);
+  return IsSuccess(GetResponseCode(responseTimeOut_)) ? kNetOk : kNetNoServerResponse;
 }
 
 int SmtpClient::SendBody(DataWriter& out, DataSource& bodySource, DataSource* fullSource,
@@ -487,17 +495,108 @@ int SmtpClient::SendBody(DataWriter& out, DataSource& bodySource, DataSource* fu
   return out.Flush() ? kNetOk : kNetSendFailed;
 }
 
+// One copy of a composed message as the composer writes it: its header
+// block is held until it ends and sorted into the fields each copy writes
+// itself and the extra header lines; then the copy's own header block goes
+// out, and the body behind it as it comes.
+class SmtpClient::ComposedCopy {
+ public:
+  ComposedCopy(SmtpClient& client, DataWriter& out, const MailMessage& message,
+               const std::vector<std::string>& toList, const std::vector<std::string>& ccList,
+               long& bytesSent)
+      : client_(client),
+        out_(out),
+        message_(message),
+        toList_(toList),
+        ccList_(ccList),
+        bytesSent_(bytesSent) {}
+
+  bool Take(std::string_view bytes) {
+    if (inHeader_) {
+      header_.append(bytes);
+      // The block ends at its first empty line.
+      for (size_t end; (end = header_.find('\n', scanned_)) != std::string::npos;) {
+        if (end == scanned_ + 1 && header_[scanned_] == '\r') {
+          std::string body = header_.substr(end + 1);
+          header_.resize(scanned_);
+          return StartBody() && Body(body);
+        }
+        scanned_ = end + 1;
+      }
+      return true;
+    }
+    return Body(bytes);
+  }
+  // After the last piece: kNetOk, or why the copy failed.
+  int Finish() {
+    if (inHeader_ && !StartBody()) return failure_;
+    return out_.Flush() ? failure_ : kNetSendFailed;
+  }
+  int Failure() const { return failure_; }
+
+ private:
+  bool StartBody() {
+    inHeader_ = false;
+    client_.extraHeaderLines_.Clear();
+    for (std::string& field : HeaderFields(header_)) {
+      if (!WrittenPerTransaction(field)) client_.extraHeaderLines_.Append(std::move(field));
+    }
+    failure_ = client_.WriteHeaders(out_, message_, toList_, ccList_);
+    out_.LimitLines(kBodyLineRoom - 1);
+    return failure_ == kNetOk;
+  }
+  bool Body(std::string_view bytes) {
+    if (bytes.empty()) return true;
+    if (!out_.Add(bytes)) return Fail(kNetSendFailed);
+    bytesSent_ += static_cast<long>(bytes.size());
+    // The size of a message made as it goes is not known: the total is 0.
+    return client_.SendStatus(bytesSent_, 0) || Fail(kNetAborted);
+  }
+  bool Fail(int code) {
+    failure_ = code;
+    return false;
+  }
+
+  SmtpClient& client_;
+  DataWriter& out_;
+  const MailMessage& message_;
+  const std::vector<std::string>& toList_;
+  const std::vector<std::string>& ccList_;
+  long& bytesSent_;
+  bool inHeader_ = true;
+  std::string header_;
+  size_t scanned_ = 0;
+  int failure_ = kNetOk;
+};
+
+int SmtpClient::SendComposed(std::string_view recipient, const MailMessage& message,
+                             const std::vector<std::string>& toList,
+                             const std::vector<std::string>& ccList,
+                             const MessageComposition& composition, long& bytesSent) {
+  if (!IsConnected()) return OnError(kNetNoConnection);
+  int result = OpenData(recipient, message);
+  if (result != kNetOk) return OnError(result);
+  DataWriter out(*this);
+  ComposedCopy copy(*this, out, message, toList, ccList, bytesSent);
+  int written = composition.WriteTo([&copy](std::string_view bytes) { return copy.Take(bytes); });
+  if (written == kMimeOk) {
+    result = copy.Finish();
+    return OnError(result == kNetOk ? EndData() : result);
+  }
+  if (written == kMimeTargetWriteFailed) return OnError(copy.Failure());
+  // A file that could not be read half-way: the message must not end as if
+  // whole, so the connection goes without the final dot.
+  CloseConnection();
+  return OnError(written);
+}
+
 int SmtpClient::SendMail(const MailMessage& message) {
   extraHeaderLines_.Clear();
-  MappedFileDataSource composed(0, "composed message");
-  int written = message.Write(composed);
-  if (written != kMimeOk) return OnError(written);
-  std::vector<std::string> fields;
-  MappedFileDataSource body(0, "message body");
-  if (!SplitComposed(composed, fields, body)) return OnError(kNetDataSourceOpenFailed);
-  for (std::string& field : fields) {
-    if (!WrittenPerTransaction(field)) extraHeaderLines_.Append(std::move(field));
-  }
+  // The message is written into the data section as it is composed, each
+  // copy anew: nothing waits for the whole of it, and no copy of it is held.
+  MessageComposition composition;
+  int prepared = composition.Prepare(message);
+  if (prepared != kMimeOk) return OnError(prepared);
 
   const std::vector<std::string> toList = AddressesOf(message, kFieldTo);
   const std::vector<std::string> ccList = AddressesOf(message, kFieldCc);
@@ -509,7 +608,7 @@ int SmtpClient::SendMail(const MailMessage& message) {
   long bytesSent = 0;
   for (const std::string& recipient : recipients) {
     if (IsAborted()) break;
-    result = SendRecipient(recipient, message, toList, ccList, 1, bytesSent, body, nullptr, 0);
+    result = SendComposed(recipient, message, toList, ccList, composition, bytesSent);
     if (result != kNetOk) break;
   }
   return result;

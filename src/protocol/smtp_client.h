@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "mime/mail_message.h"
+#include "mime/mime_composer.h"
 #include "mime/string_list.h"
 #include "protocol/data_source.h"
 #include "protocol/net_client.h"
@@ -44,7 +45,9 @@ class SmtpClient : public CNetClient {
                             const std::vector<std::string>& toList,
                             const std::vector<std::string>& ccList, int bytesScale, long& bytesSent,
                             DataSource& bodySource, DataSource* fullSource, int useFull);
-  // Progress of a transaction's body; false cancels it (98).
+  // Progress of a transaction's body; false cancels it (98). The total is 0
+  // where the size is not known beforehand (SendMail writes each copy as it
+  // is composed).
   virtual bool SendStatus(long bytesSoFar, long total);
   // Connects, greets as `localName`, upgrades and authenticates as set up.
   virtual int SMTPConnect(const char* host, const char* localName);
@@ -55,8 +58,8 @@ class SmtpClient : public CNetClient {
   virtual int SendMailParts(const char* to, const char* from, const char* subject, const char* body,
                             const char* cc, const char* bcc, const char* const* attachmentPaths,
                             int count);
-  // Composes `message` and delivers it to each To, Cc and Bcc address in
-  // turn, stopping at the first failure.
+  // Delivers `message` to each To, Cc and Bcc address in turn, stopping at
+  // the first failure; each copy is composed as it goes out.
   virtual int SendMail(const MailMessage& message);
 
   int SetPort(unsigned port);
@@ -96,6 +99,20 @@ class SmtpClient : public CNetClient {
   // Reads one line into the line buffer; its length.
   int ReadLine(int room, int timeoutSeconds);
   class DataWriter;
+  class ComposedCopy;
+
+  // MAIL FROM, RCPT TO and DATA for one copy; kNetOk once the server waits
+  // for the data.
+  int OpenData(std::string_view recipient, const MailMessage& message);
+  // A copy's own header block: From, To, Subject, Date, Cc, the extra lines.
+  int WriteHeaders(DataWriter& out, const MailMessage& message,
+                   const std::vector<std::string>& toList, const std::vector<std::string>& ccList);
+  // The final dot and the server's verdict on the copy.
+  int EndData();
+  // One transaction whose data is `composition`, written as it is made.
+  int SendComposed(std::string_view recipient, const MailMessage& message,
+                   const std::vector<std::string>& toList, const std::vector<std::string>& ccList,
+                   const MessageComposition& composition, long& bytesSent);
 
   // Sends `command` and "\r\n"; false when it was not sent whole, or not at
   // all because it holds CR, LF or NUL.

@@ -420,6 +420,45 @@ std::string Repeat(const std::string& piece, int times) {
   return out;
 }
 
+TEST(SmtpSend, EveryCopyCarriesTheWholeAttachment) {
+  // Written as it is composed, each copy reads the file anew.
+  test::TempDir dir;
+  std::string bytes(200 * 1024, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 251);
+  test::WriteFile(dir / "data.bin", bytes);
+  std::string first, second;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          test::SmtpTransaction("sender@example.org", "a@example.com", first),
+                          test::SmtpTransaction("sender@example.org", "b@example.com", second),
+                          {Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  MailMessage message = Message("a@example.com,b@example.com", "see attached\r\n");
+  ASSERT_EQ(message.AddAttachmentFile(dir / "data.bin"), 0);
+  EXPECT_EQ(client.SendMail(message), 0);
+  client.SMTPClose();
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+  auto withoutDate = [](std::string copy) {
+    size_t at = copy.find("\r\nDate: ");
+    copy.erase(at, copy.find("\r\n", at + 2) - at);
+    return copy;
+  };
+  EXPECT_TRUE(withoutDate(first) == withoutDate(second));
+  // Base64 with its line ends: a third more, and some.
+  EXPECT_GT(second.size(), bytes.size() * 4 / 3);
+  EXPECT_NE(second.find("filename=data.bin"), std::string::npos) << test::Printable(second, 800);
+
+  // What is no regular file is refused before any transaction starts.
+  ScriptedPeer refused(Join({Greeting("250-x\r\n250 HELP\r\n"), {Expect("QUIT\r\n")}}));
+  SmtpClient other;
+  ASSERT_EQ(Connect(other, refused), 0);
+  MailMessage directory = Message("a@example.com", "see attached\r\n");
+  ASSERT_EQ(directory.AddAttachmentFile(dir.path()), 0);
+  EXPECT_EQ(other.SendMail(directory), kMimeFileOpenFailed);
+  other.SMTPClose();
+  EXPECT_TRUE(refused.Finish()) << refused.Errors();
+}
+
 TEST(SmtpSend, HostileTextCanNeitherEndTheDataNorStartAHeader) {
   // Each value is the Subject (where it ends at a NUL, as header data does)
   // and the body of one transaction, which the server must take as exactly
