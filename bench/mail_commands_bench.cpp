@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "handling/account_registry.h"
+#include "accounts/account_registry.h"
 #include "mail/mail_lister.h"
 #include "mail/mail_receiver.h"
 #include "support/mail_request.h"

@@ -20,7 +20,7 @@
 #include <string>
 
 #include "mime/mail_message.h"
-#include "protocol/file_data_source.h"
+#include "stream/file_data_source.h"
 #include "support/temp_dir.h"
 
 namespace {

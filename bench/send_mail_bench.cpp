@@ -17,8 +17,8 @@
 
 #include "bench_support.h"
 #include "mail/mail_sender.h"
-#include "protocol/file_data_source.h"
-#include "service/service_settings.h"
+#include "stream/file_data_source.h"
+#include "base/service_settings.h"
 #include "support/mail_request.h"
 #include "support/temp_dir.h"
 

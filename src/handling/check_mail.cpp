@@ -1,7 +1,7 @@
 #include "handling/check_mail.h"
 
 #include "handling/notify_program.h"
-#include "handling/process_registry.h"
+#include "accounts/process_registry.h"
 #include "mail/header_display.h"
 #include "mail/known_uids.h"
 #include "mail/mail_date.h"
@@ -10,8 +10,8 @@
 #include "protocol/net_error.h"
 #include "protocol/operation_deadline.h"
 #include "protocol/pop3_client.h"
-#include "service/process_log.h"
-#include "service/service_settings.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
 #include "transport/console.h"
 
 namespace corvane {

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "handling/account_registry.h"
+#include "accounts/account_registry.h"
 
 namespace corvane {
 

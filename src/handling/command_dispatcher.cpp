@@ -4,15 +4,15 @@
 #include <iterator>
 
 #include "handling/config_mail.h"
-#include "handling/process_registry.h"
+#include "accounts/process_registry.h"
 #include "mail/mail_forwarder.h"
 #include "mail/mail_lister.h"
 #include "mail/mail_receiver.h"
 #include "mail/mail_replier.h"
 #include "mail/mail_sender.h"
 #include "protocol/operation_deadline.h"
-#include "service/process_log.h"
-#include "service/service_settings.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
 #include "transport/request_fields.h"
 #include "transport/response_entries.h"
 

@@ -4,8 +4,8 @@
 
 #include <functional>
 
-#include "service/decimal_text.h"
-#include "service/process_log.h"
+#include "base/decimal_text.h"
+#include "base/process_log.h"
 #include "transport/response_entries.h"
 
 namespace corvane {

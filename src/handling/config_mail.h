@@ -1,6 +1,6 @@
 #pragma once
 
-#include "handling/account_registry.h"
+#include "accounts/account_registry.h"
 #include "transport/request_fields.h"
 #include "transport/wx_entry_log.h"
 

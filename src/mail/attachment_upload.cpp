@@ -4,7 +4,7 @@
 #include "protocol/ftp_client.h"
 #include "protocol/net_codes.h"
 #include "protocol/net_error.h"
-#include "service/process_log.h"
+#include "base/process_log.h"
 
 namespace corvane {
 namespace {

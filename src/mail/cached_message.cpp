@@ -1,6 +1,6 @@
 #include "mail/cached_message.h"
 
-#include "service/program_paths.h"
+#include "base/program_paths.h"
 
 namespace corvane {
 

@@ -8,8 +8,8 @@
 #include <unordered_set>
 
 #include "mail/cached_message.h"
-#include "service/process_log.h"
-#include "service/program_paths.h"
+#include "base/process_log.h"
+#include "base/program_paths.h"
 
 namespace corvane {
 namespace {

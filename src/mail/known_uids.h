@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "handling/account_registry.h"
+#include "accounts/account_registry.h"
 
 namespace corvane {
 

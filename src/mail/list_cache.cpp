@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <fstream>
 
-#include "protocol/file_data_source.h"
-#include "service/decimal_text.h"
+#include "stream/file_data_source.h"
+#include "base/decimal_text.h"
 
 namespace corvane {
 namespace {

@@ -11,8 +11,8 @@
 #include "mail/text_shortening.h"
 #include "mime/mail_message.h"
 #include "protocol/net_error.h"
-#include "service/process_log.h"
-#include "service/program_paths.h"
+#include "base/process_log.h"
+#include "base/program_paths.h"
 #include "transport/counted_string.h"
 #include "transport/response_entries.h"
 

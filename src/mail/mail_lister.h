@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "handling/account_registry.h"
+#include "accounts/account_registry.h"
 #include "mail/list_cache.h"
 #include "mail/mailbox_connection.h"
 #include "mime/mail_message.h"

@@ -14,12 +14,12 @@
 #include "mail/text_helpers.h"
 #include "mail/text_shortening.h"
 #include "mime/charset_converter.h"
-#include "protocol/file_data_source.h"
+#include "stream/file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/net_error.h"
-#include "service/process_log.h"
-#include "service/program_paths.h"
-#include "service/service_settings.h"
+#include "base/process_log.h"
+#include "base/program_paths.h"
+#include "base/service_settings.h"
 #include "transport/response_entries.h"
 
 namespace corvane {

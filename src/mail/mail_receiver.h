@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "handling/account_registry.h"
+#include "accounts/account_registry.h"
 #include "mail/mailbox_connection.h"
 #include "mail/scratch_directory.h"
 #include "mime/mail_message.h"

@@ -3,9 +3,9 @@
 #include "mail/text_helpers.h"
 #include "mime/encoded_words.h"
 #include "protocol/net_error.h"
-#include "service/decimal_text.h"
-#include "service/process_log.h"
-#include "service/service_settings.h"
+#include "base/decimal_text.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
 #include "transport/response_entries.h"
 
 namespace corvane {

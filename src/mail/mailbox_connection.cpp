@@ -1,11 +1,11 @@
 #include "mail/mailbox_connection.h"
 
-#include "handling/account.h"
-#include "protocol/buffer_data_source.h"
+#include "accounts/account.h"
+#include "stream/buffer_data_source.h"
 #include "protocol/command_text.h"
 #include "protocol/net_codes.h"
-#include "service/decimal_text.h"
-#include "service/limits.h"
+#include "base/decimal_text.h"
+#include "base/limits.h"
 
 namespace corvane {
 namespace {

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "service/process_log.h"
+#include "base/process_log.h"
 
 namespace corvane {
 

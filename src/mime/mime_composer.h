@@ -6,7 +6,7 @@
 
 #include "mime/mail_message.h"
 #include "mime/text_sink.h"
-#include "protocol/data_source.h"
+#include "stream/data_source.h"
 
 namespace corvane {
 

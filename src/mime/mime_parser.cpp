@@ -12,7 +12,7 @@
 #include "mime/gmime_handle.h"
 #include "mime/part_decoder.h"
 #include "mime/uuencoded_files.h"
-#include "service/limits.h"
+#include "base/limits.h"
 
 namespace corvane {
 namespace {

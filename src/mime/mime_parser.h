@@ -7,7 +7,7 @@
 #include "mime/header_field.h"
 #include "mime/message_parts.h"
 #include "mime/mime_codes.h"
-#include "protocol/data_source.h"
+#include "stream/data_source.h"
 
 namespace corvane {
 

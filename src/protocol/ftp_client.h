@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/data_source.h"
+#include "stream/data_source.h"
 #include "protocol/net_client.h"
 
 namespace corvane {

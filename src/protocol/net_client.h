@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "protocol/data_source.h"
+#include "stream/data_source.h"
 #include "protocol/net_codes.h"
-#include "protocol/receive_writer.h"
+#include "stream/receive_writer.h"
 #include "protocol/secure_socket_client.h"
 
 namespace corvane {

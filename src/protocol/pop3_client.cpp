@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "protocol/command_text.h"
-#include "protocol/file_data_source.h"
+#include "stream/file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
-#include "service/decimal_text.h"
-#include "service/limits.h"
+#include "base/decimal_text.h"
+#include "base/limits.h"
 
 namespace corvane {
 namespace {

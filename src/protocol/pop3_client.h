@@ -5,7 +5,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "protocol/data_source.h"
+#include "stream/data_source.h"
 #include "protocol/net_client.h"
 
 namespace corvane {

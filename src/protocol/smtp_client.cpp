@@ -14,8 +14,8 @@
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
 #include "protocol/sasl_encoding.h"
-#include "service/decimal_text.h"
-#include "service/limits.h"
+#include "base/decimal_text.h"
+#include "base/limits.h"
 
 namespace corvane {
 namespace {

@@ -7,7 +7,7 @@
 #include "mime/mail_message.h"
 #include "mime/mime_composer.h"
 #include "mime/string_list.h"
-#include "protocol/data_source.h"
+#include "stream/data_source.h"
 #include "protocol/net_client.h"
 
 namespace corvane {

@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "protocol/operation_deadline.h"
-#include "service/process_log.h"
-#include "service/service_settings.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
 #include "service/startup.h"
 
 namespace corvane {

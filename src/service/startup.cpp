@@ -2,11 +2,11 @@
 
 #include <strings.h>
 
-#include "handling/process_registry.h"
+#include "accounts/process_registry.h"
 #include "service/gateway_service.h"
-#include "service/ini_file.h"
-#include "service/process_log.h"
-#include "service/service_settings.h"
+#include "base/ini_file.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
 
 namespace corvane {
 

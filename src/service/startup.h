@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "service/program_paths.h"
+#include "base/program_paths.h"
 
 namespace corvane {
 

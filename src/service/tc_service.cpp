@@ -15,8 +15,8 @@
 #include <system_error>
 #include <thread>
 
-#include "service/debug_trace.h"
-#include "service/program_paths.h"
+#include "base/debug_trace.h"
+#include "base/program_paths.h"
 
 extern char** environ;
 

@@ -15,8 +15,8 @@
 #include <system_error>
 #include <vector>
 
-#include "service/decimal_text.h"
-#include "service/limits.h"
+#include "base/decimal_text.h"
+#include "base/limits.h"
 #include "transport/console.h"
 #include "transport/wx_codec.h"
 

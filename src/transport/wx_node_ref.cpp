@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "service/decimal_text.h"
+#include "base/decimal_text.h"
 #include "transport/counted_string.h"
 #include "transport/wx_query.h"
 

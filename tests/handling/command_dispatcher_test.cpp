@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <map>
 
-#include "handling/process_registry.h"
-#include "service/process_log.h"
+#include "accounts/process_registry.h"
+#include "base/process_log.h"
 #include "support/mail_request.h"
 #include "support/temp_dir.h"
 #include "transport/wx_entry_log.h"

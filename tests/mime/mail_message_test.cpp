@@ -7,8 +7,8 @@
 #include <string>
 
 #include "mime/encoded_words.h"
-#include "protocol/buffer_data_source.h"
-#include "protocol/file_data_source.h"
+#include "stream/buffer_data_source.h"
+#include "stream/file_data_source.h"
 #include "support/temp_dir.h"
 
 namespace corvane {

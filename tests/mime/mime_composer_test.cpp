@@ -7,9 +7,9 @@
 
 #include "mime/encoded_words.h"
 #include "mime/mail_message.h"
-#include "protocol/buffer_data_source.h"
-#include "protocol/file_data_source.h"
-#include "protocol/mapped_file_data_source.h"
+#include "stream/buffer_data_source.h"
+#include "stream/file_data_source.h"
+#include "stream/mapped_file_data_source.h"
 #include "support/temp_dir.h"
 
 namespace corvane {

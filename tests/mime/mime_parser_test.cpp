@@ -9,9 +9,9 @@
 
 #include "mime/content_params.h"
 #include "mime/encoded_words.h"
-#include "protocol/buffer_data_source.h"
-#include "protocol/file_data_source.h"
-#include "service/limits.h"
+#include "stream/buffer_data_source.h"
+#include "stream/file_data_source.h"
+#include "base/limits.h"
 #include "support/temp_dir.h"
 
 namespace corvane {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "pop3/pop3_server_env.h"
-#include "protocol/buffer_data_source.h"
+#include "stream/buffer_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/pop3_client.h"
 #include "support/scoped_env.h"

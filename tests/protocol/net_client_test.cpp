@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "protocol/buffer_data_source.h"
-#include "protocol/file_data_source.h"
+#include "stream/buffer_data_source.h"
+#include "stream/file_data_source.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"
 

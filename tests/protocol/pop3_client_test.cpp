@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "protocol/buffer_data_source.h"
-#include "service/limits.h"
+#include "stream/buffer_data_source.h"
+#include "base/limits.h"
 #include "support/pop3_script.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"

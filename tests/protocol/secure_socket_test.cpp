@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/file_data_source.h"
+#include "stream/file_data_source.h"
 #include "protocol/net_client.h"
 #include "protocol/secure_socket_client.h"
 #include "support/scoped_env.h"

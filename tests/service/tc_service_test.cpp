@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "service/gateway_service.h"
-#include "service/program_paths.h"
+#include "base/program_paths.h"
 #include "support/notify_socket.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"

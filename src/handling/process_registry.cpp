@@ -1,7 +1,0 @@
-#include "handling/process_registry.h"
-
-namespace corvane {
-
-std::atomic<std::shared_ptr<AccountRegistry>> g_accountRegistry;
-
-}  // namespace corvane

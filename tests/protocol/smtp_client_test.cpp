@@ -1,0 +1,713 @@
+// The SMTP client against scripted servers: greeting and EHLO/HELO, the
+// extension list, STARTTLS, the choice and exchanges of AUTH, and the
+// per-recipient transactions with their headers and body.
+#include "protocol/smtp_client.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <regex>
+#include <thread>
+
+#include "stream/buffer_data_source.h"
+#include "stream/mapped_file_data_source.h"
+#include "protocol/sasl_encoding.h"
+#include "base/limits.h"
+#include "support/scoped_env.h"
+#include "support/scripted_peer.h"
+#include "support/smtp_script.h"
+#include "support/temp_dir.h"
+#include "support/tls_test_ca.h"
+
+namespace corvane {
+namespace {
+
+using test::Expect;
+using test::HeaderOf;
+using test::Join;
+using test::ScriptedPeer;
+using test::Send;
+using test::Step;
+using test::TakeData;
+
+const char* const kEhloReply =
+    "250-mail.test Hello\r\n250-SIZE 52428800\r\n250-AUTH LOGIN CRAM-MD5 PLAIN\r\n"
+    "250 HELP\r\n";
+
+std::vector<Step> Greeting(const std::string& ehloReply) {
+  return test::SmtpGreeting(ehloReply);
+}
+
+int Connect(SmtpClient& client, ScriptedPeer& peer) {
+  client.SetPort(peer.port());
+  return client.SMTPConnect("127.0.0.1", "localhost");
+}
+
+MailMessage Message(const std::string& to, const std::string& body) {
+  MailMessage message;
+  message.AppendHeader(to.c_str(), kFieldTo);
+  message.AppendHeader("Sender Name<sender@example.org>", kFieldFrom);
+  message.AppendHeader("Hello there", kFieldSubject);
+  message.SetCharset("utf-8");
+  message.SetTextBody(body);
+  return message;
+}
+
+TEST(SmtpGreeting, OneLineRefusalOfEhloFallsBackToHelo) {
+  ScriptedPeer peer({Send("220 old.test\r\n"), Expect("EHLO localhost\r\n"),
+                     Send("502 Command not implemented\r\n"), Expect("HELO localhost\r\n"),
+                     Send("250 old.test\r\n")});
+  SmtpClient client;
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(client.AuthMethods().Count(), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST(SmtpGreeting, BadGreetingOrHeloAndNoServer) {
+  {
+    ScriptedPeer peer({Send("554 go away\r\n")});
+    SmtpClient client;
+    EXPECT_EQ(Connect(client, peer), 5);
+  }
+  {
+    ScriptedPeer peer({Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send("500 no\r\n"),
+                       Expect("HELO localhost\r\n"), Send("501 not you either\r\n")});
+    SmtpClient client;
+    EXPECT_EQ(Connect(client, peer), 54);
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
+  {
+    ScriptedPeer peer(
+        {Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send("550-no\r\n550 really\r\n")});
+    SmtpClient client;
+    EXPECT_EQ(Connect(client, peer), 54);
+  }
+  SmtpClient client;
+  client.SetPort(test::ClosedPort());
+  EXPECT_NE(client.SMTPConnect("127.0.0.1", "localhost"), 0);
+}
+
+// Writes `line` every millisecond, up to 5000 times, until the client goes;
+// how many it wrote lands in `written`.
+Step EndlessReply(std::string line, int& written) {
+  return test::Do([line, &written](test::PeerSession& session, std::string&) {
+    for (written = 0; written < 5000 && session.Write(line); ++written) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  });
+}
+
+TEST(SmtpReplies, AReplyThatNeverEndsIsAFailedReplyAfterItsLineBound) {
+  // The greeting and a MAIL reply that go on and on: the client leaves after
+  // its bound, which shows in the lines the server got to write.
+  for (bool greeting : {true, false}) {
+    int written = 0;
+    std::vector<Step> before;
+    if (!greeting) {
+      before = Join({Greeting("250 HELP\r\n"), {Expect("MAIL FROM:<sender@example.org>\r\n")}});
+    }
+    ScriptedPeer peer(Join({std::move(before), {EndlessReply("250-still there\r\n", written)}}));
+    {
+      SmtpClient client;
+      if (greeting) {
+        EXPECT_EQ(Connect(client, peer), 5);
+      } else {
+        ASSERT_EQ(Connect(client, peer), 0);
+        EXPECT_EQ(client.SendMail(Message("a@example.com", "hi\r\n")), 12);
+      }
+    }
+    peer.Finish();
+    EXPECT_LT(written, 5000) << greeting;
+    EXPECT_GE(written, limits::kMaxReplyLines - 1) << greeting;
+  }
+  // An EHLO reply ends where the socket runs dry: 2000 lines in one piece
+  // are past the bound before it does.
+  ScriptedPeer flood({Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send([] {
+                        std::string lines;
+                        for (int i = 0; i < 2000; ++i) lines += "250-AUTH LOGIN\r\n";
+                        return lines;
+                      }())});
+  SmtpClient client;
+  EXPECT_EQ(Connect(client, flood), 54);
+}
+
+TEST(SmtpExtensions, StartTlsAndEveryAuthMethodAreNoted) {
+  ScriptedPeer peer(
+      Greeting("250-mail.test\r\n250-STARTTLS\r\n250-AUTH LOGIN CRAM-MD5\r\n"
+               "250-AUTH PLAIN\r\n250 8BITMIME\r\n"));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(client.StartTlsOffered());
+  ASSERT_EQ(client.AuthMethods().Count(), 3);
+  EXPECT_EQ(*client.AuthMethods().Get(0), "LOGIN");
+  EXPECT_EQ(*client.AuthMethods().Get(1), "CRAM-MD5");
+  EXPECT_EQ(*client.AuthMethods().Get(2), "PLAIN");
+}
+
+TEST(SmtpExtensions, LinesArrivingLateAreNotPartOfTheReply) {
+  // The reply ends where the socket runs dry: the AUTH line that comes
+  // after a pause is never read as an extension.
+  ScriptedPeer peer({Send("220 x\r\n"), Expect("EHLO localhost\r\n"), Send("250-mail.test\r\n"),
+                     test::Pause(300), Send("250 AUTH LOGIN\r\n")});
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(client.AuthMethods().Count(), 0);
+}
+
+TEST(SmtpAuth, CramMd5WinsWhereverItStands) {
+  // The exchange of the CRAM-MD5 definition: its challenge, user and key
+  // give exactly its answer.
+  ScriptedPeer peer(Join({Greeting(kEhloReply),
+                          {Expect("AUTH CRAM-MD5\r\n"),
+                           Send("334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\r\n"),
+                           Expect("dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw\r\n"),
+                           Send("235 Authentication succeeded\r\n")}}));
+  SmtpClient client;
+  client.SetAuthentication(true);
+  client.SetUserName("tim");
+  client.SetPassword("tanstaaftanstaaf");
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
+TEST(SmtpAuth, CramMd5Refusals) {
+  struct Case {
+    const char* reply;
+    int code;
+  } cases[] = {{"504 Unrecognized authentication type\r\n", 11}, {"535 no\r\n", 86}, {"34", 37}};
+  for (const Case& c : cases) {
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 AUTH CRAM-MD5\r\n"),
+                            {Expect("AUTH CRAM-MD5\r\n"), Send(c.reply), test::Close()}}));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("tim");
+    client.SetPassword("secret");
+    EXPECT_EQ(Connect(client, peer), c.code) << c.reply;
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
+  // A wrong answer to a good challenge.
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 AUTH CRAM-MD5\r\n"),
+                          {Expect("AUTH CRAM-MD5\r\n"), Send("334 PDEyMzQ+\r\n"),
+                           Send("535 Incorrect authentication data\r\n")}}));
+  SmtpClient client;
+  client.SetAuthentication(true);
+  client.SetUserName("tim");
+  client.SetPassword("secret");
+  EXPECT_EQ(Connect(client, peer), 86);
+}
+
+TEST(SmtpAuth, LoginReportsTheRefusedPart) {
+  struct Case {
+    std::vector<Step> exchange;
+    int code;
+  };
+  std::vector<Case> cases;
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("504 not here\r\n")}, 11});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("500 what\r\n")}, 86});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+                    Send("535 who\r\n")},
+                   40});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+                    Send("334 UGFzc3dvcmQ6\r\n"), Expect("Zmlyc3Q=\r\n"),
+                    Send("535 Incorrect authentication data\r\n")},
+                   41});
+  cases.push_back({{Expect("AUTH LOGIN\r\n"), Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+                    Send("334 UGFzc3dvcmQ6\r\n"), Expect("Zmlyc3Q=\r\n"), Send("235 ok\r\n")},
+                   0});
+  for (Case& c : cases) {
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 AUTH PLAIN LOGIN\r\n"), c.exchange}));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    client.SetPassword("first");
+    client.SetPassword("");  // keeps "first"
+    client.SetPassword(nullptr);
+    EXPECT_EQ(Connect(client, peer), c.code);
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  }
+}
+
+TEST(SmtpAuth, MissingCredentialsAndUnknownMethods) {
+  {
+    ScriptedPeer peer(Greeting("250-x\r\n250 AUTH LOGIN\r\n"));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetPassword("secret");
+    EXPECT_EQ(Connect(client, peer), 40);
+  }
+  {
+    ScriptedPeer peer(Greeting("250-x\r\n250 AUTH CRAM-MD5\r\n"));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    EXPECT_EQ(Connect(client, peer), 41);
+  }
+  {
+    ScriptedPeer peer(Greeting("250-x\r\n250 AUTH PLAIN XOAUTH2\r\n"));
+    SmtpClient client;
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    client.SetPassword("secret");
+    EXPECT_EQ(Connect(client, peer), 1);
+  }
+  // Without authentication switched on, offered methods are left alone.
+  ScriptedPeer peer(Greeting(kEhloReply));
+  SmtpClient client;
+  client.SetUserName("user");
+  client.SetPassword("secret");
+  EXPECT_EQ(Connect(client, peer), 0);
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_EQ(peer.Received().find("AUTH"), std::string::npos);
+}
+
+class SmtpSecurity : public ::testing::Test {
+ protected:
+  // The steps of a TLS handshake with a server certified by `ca`.
+  static Step Handshake(test::TestCa& ca, test::Handshake outcome = test::Handshake::kMustSucceed) {
+    return test::TlsAccept(test::ServerContext(ca.IssueLocalhost()), outcome);
+  }
+  static std::vector<Step> Upgrade(Step handshake) {
+    return {Expect("STARTTLS\r\n"), Send("220 go ahead\r\n"), std::move(handshake)};
+  }
+  // EHLO again (inside TLS) answered with `reply`.
+  static std::vector<Step> Ehlo(const std::string& reply) {
+    return {Expect("EHLO localhost\r\n"), Send(reply)};
+  }
+  static std::vector<Step> Login() {
+    return {Expect("AUTH LOGIN\r\n"),     Send("334 VXNlcm5hbWU6\r\n"), Expect("dXNlcg==\r\n"),
+            Send("334 UGFzc3dvcmQ6\r\n"), Expect("c2VjcmV0\r\n"),       Send("235 ok\r\n")};
+  }
+
+  test::TempDir dir_;
+  test::TestCa ca_{dir_.path()};
+  test::TestCa stranger_{dir_.path(), "Stranger CA"};
+};
+
+TEST_F(SmtpSecurity, EachModeAgainstWhatTheServerOffers) {
+  const std::string offer = "250-mail.test\r\n250-AUTH CRAM-MD5\r\n250 STARTTLS\r\n";
+  const std::string noOffer = "250-mail.test\r\n250 AUTH LOGIN\r\n";
+  const std::string insideTls = "250-mail.test\r\n250 AUTH LOGIN\r\n";
+  const Step greeting = Send("220 mail.test ESMTP\r\n");
+  struct Case {
+    const char* what;
+    SmtpTls tls;
+    std::vector<Step> script;
+    int code;  // -1: a certificate failure, 120..143
+    bool secure;
+  };
+  std::vector<Case> cases;
+  cases.push_back(
+      {"off leaves an offer alone", SmtpTls::kOff,
+       Join({test::SmtpGreeting(offer), {Expect("AUTH CRAM-MD5\r\n"), Send("535 no\r\n")}}), 86,
+       false});
+  cases.push_back({"auto without an offer stays clear", SmtpTls::kAuto,
+                   Join({test::SmtpGreeting(noOffer), Login()}), 0, false});
+  cases.push_back(
+      {"auto with an offer forgets the methods of the clear session", SmtpTls::kAuto,
+       Join({test::SmtpGreeting(offer), Upgrade(Handshake(ca_)), Ehlo(insideTls), Login()}), 0,
+       true});
+  cases.push_back({"auto: a server without EHLO gets HELO", SmtpTls::kAuto,
+                   Join({test::SmtpGreeting("502 no\r\n"),
+                         {Expect("HELO localhost\r\n"), Send("250 old.test\r\n")}}),
+                   0, false});
+  cases.push_back({"a refused upgrade is a failure", SmtpTls::kAuto,
+                   Join({test::SmtpGreeting(offer),
+                         {Expect("STARTTLS\r\n"), Send("454 TLS not available\r\n")}}),
+                   54, false});
+  cases.push_back(
+      {"an untrusted certificate is a failure", SmtpTls::kAuto,
+       Join({test::SmtpGreeting(offer), Upgrade(Handshake(stranger_, test::Handshake::kMustFail))}),
+       -1, false});
+  cases.push_back(
+      {"required without an offer", SmtpTls::kRequired, test::SmtpGreeting(noOffer), 145, false});
+  cases.push_back(
+      {"required without EHLO", SmtpTls::kRequired, test::SmtpGreeting("502 no\r\n"), 145, false});
+  cases.push_back(
+      {"required with an offer", SmtpTls::kRequired,
+       Join({test::SmtpGreeting(offer), Upgrade(Handshake(ca_)), Ehlo(insideTls), Login()}), 0,
+       true});
+  cases.push_back({"implicit", SmtpTls::kImplicit,
+                   Join({{Handshake(ca_), greeting}, Ehlo(insideTls), Login()}), 0, true});
+  cases.push_back({"implicit with an untrusted certificate",
+                   SmtpTls::kImplicit,
+                   {Handshake(stranger_, test::Handshake::kMustFail)},
+                   -1,
+                   false});
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScriptedPeer peer(std::move(c.script));
+    SmtpClient client;
+    client.SetTls(c.tls);
+    client.SetTrustedCaFile(ca_.CaFile().c_str());
+    client.SetAuthentication(true);
+    client.SetUserName("user");
+    client.SetPassword("secret");
+    const int code = Connect(client, peer);
+    if (c.code < 0) {
+      EXPECT_TRUE(code == kNetCertChainFailed || code == kNetCertTrustFailed) << code;
+    } else {
+      EXPECT_EQ(code, c.code);
+    }
+    EXPECT_EQ(client.IsSessionSecure(), c.secure);
+    client.CloseConnection();
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+    // A failure never goes on in the clear, and never on a second connection.
+    EXPECT_EQ(peer.Connections(), 1);
+    if (code != 0 && c.tls != SmtpTls::kOff) {
+      EXPECT_EQ(peer.Received().find("AUTH"), std::string::npos);
+    }
+  }
+}
+
+TEST(SmtpSend, EveryRecipientGetsItsOwnTransactionAndBccNoHeader) {
+  std::string first, second, hidden;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          test::SmtpTransaction("sender@example.org", "a@example.com", first),
+                          test::SmtpTransaction("sender@example.org", "b@example.com", second),
+                          test::SmtpTransaction("sender@example.org", "hidden@example.net", hidden),
+                          {Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  MailMessage message = Message("Ann <a@example.com>,b@example.com", "line one\r\n");
+  message.AppendHeader("hidden@example.net", kFieldBcc);
+  message.AppendHeader("3", kFieldCustom, "X-Priority:");
+  message.AppendHeader("dotted", kFieldCustom, ".X-Dotted:");
+  EXPECT_EQ(client.SendMail(message), 0);
+  client.SMTPClose();
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+
+  // The same copy each time, but for the Date each transaction writes anew.
+  auto undated = [](std::string copy) {
+    size_t at = copy.find("\r\nDate: ");
+    if (at != std::string::npos) copy.erase(at, copy.find("\r\n", at + 2) - at);
+    return copy;
+  };
+  EXPECT_EQ(undated(first), undated(second));
+  EXPECT_EQ(undated(first), undated(hidden));
+  EXPECT_EQ(first.find("hidden@"), std::string::npos);
+  EXPECT_EQ(first.find("Bcc"), std::string::npos);
+  EXPECT_EQ(first.rfind("From: Sender Name<sender@example.org>\r\nTo: Ann "
+                        "<a@example.com>,b@example.com\r\nSubject: Hello there\r\nDate: ",
+                        0),
+            0u)
+      << test::Printable(first, 400);
+  EXPECT_EQ(HeaderOf(first, "X-Priority"), "3");
+  // The header lines are stuffed like the body's.
+  EXPECT_NE(first.find("\r\n..X-Dotted: dotted\r\n"), std::string::npos);
+  EXPECT_NE(HeaderOf(first, "Content-Type").find("text/plain"), std::string::npos);
+  EXPECT_TRUE(first.ends_with("\r\n\r\nline one\r\n\r\n.\r\n")) << test::Printable(first, 800);
+  std::regex date(
+      R"((Sun|Mon|Tue|Wed|Thu|Fri|Sat), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d [+-]\d{4})");
+  EXPECT_TRUE(std::regex_match(HeaderOf(first, "Date"), date)) << HeaderOf(first, "Date");
+  // One Date only: the composer's own is not passed on.
+  EXPECT_EQ(first.find("\r\nDate: ", first.find("\r\nDate: ") + 1), std::string::npos);
+}
+
+// A message source holding exactly `bytes` (NULs included).
+std::unique_ptr<DataSource> Source(const std::string& bytes) {
+  auto source = std::make_unique<MappedFileDataSource>(0, "body");
+  EXPECT_EQ(source->Open(DataSource::kOpenWrite), 0);
+  EXPECT_EQ(source->Write(bytes.data(), static_cast<int>(bytes.size())),
+            static_cast<int>(bytes.size()));
+  EXPECT_EQ(source->Close(), 0);
+  return source;
+}
+
+std::string Repeat(const std::string& piece, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += piece;
+  return out;
+}
+
+TEST(SmtpSend, EveryCopyCarriesTheWholeAttachment) {
+  // Written as it is composed, each copy reads the file anew.
+  test::TempDir dir;
+  std::string bytes(200 * 1024, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 251);
+  test::WriteFile(dir / "data.bin", bytes);
+  std::string first, second;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          test::SmtpTransaction("sender@example.org", "a@example.com", first),
+                          test::SmtpTransaction("sender@example.org", "b@example.com", second),
+                          {Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  MailMessage message = Message("a@example.com,b@example.com", "see attached\r\n");
+  ASSERT_EQ(message.AddAttachmentFile(dir / "data.bin"), 0);
+  EXPECT_EQ(client.SendMail(message), 0);
+  client.SMTPClose();
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+  auto withoutDate = [](std::string copy) {
+    size_t at = copy.find("\r\nDate: ");
+    copy.erase(at, copy.find("\r\n", at + 2) - at);
+    return copy;
+  };
+  EXPECT_TRUE(withoutDate(first) == withoutDate(second));
+  // Base64 with its line ends: a third more, and some.
+  EXPECT_GT(second.size(), bytes.size() * 4 / 3);
+  EXPECT_NE(second.find("filename=data.bin"), std::string::npos) << test::Printable(second, 800);
+
+  // What is no regular file is refused before any transaction starts.
+  ScriptedPeer refused(Join({Greeting("250-x\r\n250 HELP\r\n"), {Expect("QUIT\r\n")}}));
+  SmtpClient other;
+  ASSERT_EQ(Connect(other, refused), 0);
+  MailMessage directory = Message("a@example.com", "see attached\r\n");
+  ASSERT_EQ(directory.AddAttachmentFile(dir.path()), 0);
+  EXPECT_EQ(other.SendMail(directory), kMimeFileOpenFailed);
+  other.SMTPClose();
+  EXPECT_TRUE(refused.Finish()) << refused.Errors();
+}
+
+TEST(SmtpSend, HostileTextCanNeitherEndTheDataNorStartAHeader) {
+  // Each value is the Subject (where it ends at a NUL, as header data does)
+  // and the body of one transaction, which the server must take as exactly
+  // these bytes: the subject's line breaks as folds; the body with CRLF line
+  // ends and a "." before every line that starts with one, so that only the
+  // client's own terminator ends the data. "full" sends the body as the
+  // whole-message source, whose long lines are not broken.
+  const std::string smuggled =
+      "Hi\r\n.\r\nMAIL FROM:<x@example.org>\r\nRCPT TO:<victim@example.org>\r\nDATA\r\n";
+  const std::string longLine = std::string(999, 'x') + "." + std::string(500, 'y');
+  struct Case {
+    const char* what;
+    std::string value;
+    std::string subject;
+    std::string body;
+    bool full = false;
+  };
+  const std::vector<Case> cases = {
+      {"CR LF . CR LF and commands", smuggled,
+       "Hi\r\n .\r\n MAIL FROM:<x@example.org>\r\n RCPT TO:<victim@example.org>\r\n DATA",
+       "Hi\r\n..\r\nMAIL FROM:<x@example.org>\r\nRCPT TO:<victim@example.org>\r\nDATA\r\n"},
+      {"lines starting with dots", ".starts with a dot\r\n..two\r\n.\r\nend\r\n",
+       ".starts with a dot\r\n ..two\r\n .\r\n end",
+       "..starts with a dot\r\n...two\r\n..\r\nend\r\n"},
+      {"lone CR", "a\r.\rMAIL FROM:<x@example.org>", "a\r\n .\r\n MAIL FROM:<x@example.org>",
+       "a\r\n..\r\nMAIL FROM:<x@example.org>\r\n"},
+      {"lone LF", "a\n.\nMAIL FROM:<x@example.org>\n", "a\r\n .\r\n MAIL FROM:<x@example.org>",
+       "a\r\n..\r\nMAIL FROM:<x@example.org>\r\n"},
+      {"lone LF, whole message", "a\n.\nMAIL FROM:<x@example.org>\n",
+       "a\r\n .\r\n MAIL FROM:<x@example.org>", "a\r\n..\r\nMAIL FROM:<x@example.org>\r\n", true},
+      {"NUL", std::string(".\0\r\n.\0", 6), ".", std::string("..\0\r\n..\0\r\n", 10)},
+      {"a lone dot", ".", ".", "..\r\n"},
+      {"long runs of breaks",
+       "a" + Repeat("\r\n", 300) + Repeat("\r", 300) + "." + Repeat("\n", 300) + ".",
+       "a\r\n .\r\n .", "a" + Repeat("\r\n", 600) + ".." + Repeat("\r\n", 300) + "..\r\n"},
+      // A line over 1000 bytes is sent as two; the second starts a line.
+      {"long line", longLine, longLine,
+       std::string(999, 'x') + ".\r\n" + std::string(500, 'y') + "\r\n"},
+      // Pieces of a long line are one line: a "." inside it stays single.
+      {"long line, whole message", longLine, longLine, longLine, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string data;
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                            test::SmtpTransaction("sender@example.org", "a@example.com", data)}));
+    SmtpClient client;
+    ASSERT_EQ(Connect(client, peer), 0);
+    MailMessage message;
+    message.AppendHeader("Sender Name<sender@example.org>", kFieldFrom);
+    message.AppendHeader(c.value.c_str(), kFieldSubject);
+    std::unique_ptr<DataSource> body = Source(c.value);
+    BufferDataSource none(8);
+    long sent = 0;
+    EXPECT_EQ(
+        client.SendRecipient("a@example.com", message, {"a@example.com"}, {}, 1, sent,
+                             c.full ? none : *body, c.full ? body.get() : nullptr, c.full ? 1 : 0),
+        0);
+    ASSERT_TRUE(peer.Finish()) << peer.Errors();
+    size_t date = data.find("\r\nDate: ");
+    if (date != std::string::npos)
+      data.replace(date + 8, data.find("\r\n", date + 2) - date - 8, "*");
+    EXPECT_EQ(data, "From: Sender Name<sender@example.org>\r\nTo: a@example.com\r\nSubject: " +
+                        c.subject + "\r\nDate: *\r\n\r\n" + c.body + "\r\n.\r\n")
+        << test::Printable(data, 2000);
+  }
+}
+
+TEST(SmtpSend, CommandArgumentsWithLineBreaksOrNulAreRefusedUnsent) {
+  // An EHLO name, a sender or a recipient that would end its command line
+  // early: the command is never sent, and fails as a refused one does (54,
+  // 12, 67); the session is still fit to QUIT.
+  struct Case {
+    const char* what;
+    std::string localName = "localhost";
+    std::string from = "Sender <sender@example.org>";
+    std::string recipient = "a@example.com";
+    int code;
+  };
+  const std::vector<Case> cases = {
+      {.what = "EHLO, CR LF", .localName = "localhost\r\nMAIL FROM:<x@example.org>", .code = 54},
+      {.what = "EHLO, lone LF", .localName = "localhost\nRSET", .code = 54},
+      {.what = "EHLO, lone CR", .localName = "localhost\r", .code = 54},
+      {.what = "MAIL, CR LF",
+       .from = "Sender <s@example.org\r\nRCPT TO:<v@example.org>>",
+       .code = 12},
+      {.what = "MAIL, lone CR", .from = "s@example.org\rRSET", .code = 12},
+      {.what = "MAIL, lone LF", .from = "<s@example.org\n>", .code = 12},
+      {.what = "RCPT, CR LF", .recipient = "v@example.org\r\nDATA", .code = 67},
+      {.what = "RCPT, lone LF", .recipient = "<v@example.org\n.>", .code = 67},
+      {.what = "RCPT, lone CR", .recipient = "v@example.org\r", .code = 67},
+      {.what = "RCPT, NUL", .recipient = std::string("v@example.org\0.evil", 19), .code = 67},
+      {.what = "RCPT, a long run", .recipient = "v@example.org" + Repeat("\r\n", 500), .code = 67},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<Step> script = {Send("220 mail.test ESMTP\r\n")};
+    std::string sent;
+    if (c.code != 54) {
+      script = Greeting("250-x\r\n250 HELP\r\n");
+      sent = "EHLO localhost\r\n";
+    }
+    if (c.code == 67) {
+      script.push_back(Expect("MAIL FROM:<sender@example.org>\r\n"));
+      script.push_back(Send("250 OK\r\n"));
+      sent += "MAIL FROM:<sender@example.org>\r\n";
+    }
+    script.push_back(Expect("QUIT\r\n"));
+    ScriptedPeer peer(std::move(script));
+    SmtpClient client;
+    client.SetPort(peer.port());
+    int result = client.SMTPConnect("127.0.0.1", c.localName.c_str());
+    if (c.code != 54) {
+      ASSERT_EQ(result, 0);
+      MailMessage message = Message("a@example.com", "hi\r\n");
+      message.RemoveHeaders(kFieldFrom);
+      message.AppendHeader(c.from.c_str(), kFieldFrom);
+      BufferDataSource body(8);
+      long bytes = 0;
+      result = client.SendRecipient(std::string_view(c.recipient), message, {"a@example.com"}, {},
+                                    1, bytes, body, nullptr, 0);
+    }
+    EXPECT_EQ(result, c.code);
+    client.SMTPClose();
+    EXPECT_TRUE(peer.Finish()) << peer.Errors();
+    EXPECT_EQ(peer.Received(), sent + "QUIT\r\n");
+  }
+}
+
+TEST(SmtpSend, ARefusedRecipientStopsTheOnesAfterIt) {
+  std::string first;
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          test::SmtpTransaction("sender@example.org", "a@example.com", first),
+                          {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("250 OK\r\n"),
+                           Expect("RCPT TO:<nobody@example.com>\r\n"), Send("550 No such user\r\n"),
+                           Expect("QUIT\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  MailMessage message = Message("a@example.com,nobody@example.com", "hi\r\n");
+  message.AppendHeader("c@example.com", kFieldCc);
+  EXPECT_EQ(client.SendMail(message), 67);
+  client.SMTPClose();
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+  EXPECT_EQ(peer.Received().find("c@example.com>"), std::string::npos);
+}
+
+TEST(SmtpSend, RefusedSenderAndRefusedData) {
+  {
+    ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                            {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("550 no\r\n")}}));
+    SmtpClient client;
+    ASSERT_EQ(Connect(client, peer), 0);
+    EXPECT_EQ(client.SendMail(Message("a@example.com", "hi\r\n")), 12);
+  }
+  ScriptedPeer peer(Join({Greeting("250-x\r\n250 HELP\r\n"),
+                          {Expect("MAIL FROM:<sender@example.org>\r\n"), Send("250 OK\r\n"),
+                           Expect("RCPT TO:<a@example.com>\r\n"), Send("250 OK\r\n"),
+                           Expect("DATA\r\n"), Send("250 not what you expected\r\n")}}));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  EXPECT_EQ(client.SendMail(Message("a@example.com", "hi\r\n")), 52);
+  // Not connected at all.
+  SmtpClient idle;
+  EXPECT_EQ(idle.SendMail(Message("a@example.com", "hi\r\n")), 6);
+}
+
+TEST(SmtpSend, LongRecipientListsFoldAt250Characters) {
+  std::vector<std::string> addresses;
+  std::string to;
+  for (int i = 0; i < 30; ++i) {
+    addresses.push_back("recipient" + std::to_string(100 + i) + "@example.com");
+    to += (i ? "," : "") + addresses.back();
+  }
+  std::vector<Step> script = Greeting("250-x\r\n250 HELP\r\n");
+  std::string data;
+  // The first copy is read whole; then the client is cut off.
+  for (Step& step : test::SmtpTransaction("sender@example.org", addresses[0], data)) {
+    script.push_back(std::move(step));
+  }
+  script.push_back(test::Close());
+  ScriptedPeer peer(std::move(script));
+  SmtpClient client;
+  ASSERT_EQ(Connect(client, peer), 0);
+  client.SendMail(Message(to, "hi\r\n"));
+  ASSERT_TRUE(peer.Finish()) << peer.Errors();
+
+  std::string header = HeaderOf(data, "To");
+  std::string unfolded;
+  size_t start = 0;
+  for (size_t end; (end = header.find("\r\n\t", start)) != std::string::npos; start = end + 3) {
+    std::string line = header.substr(start, end - start);
+    EXPECT_TRUE(line.ends_with(",")) << line;
+    EXPECT_LE(line.size(), 250u) << line;
+    unfolded += line;
+  }
+  unfolded += header.substr(start);
+  EXPECT_GT(start, 0u) << "no fold in " << header;
+  EXPECT_EQ(unfolded, to);
+}
+
+TEST(SmtpAddress, TheAddressOfAMailboxText) {
+  char buffer[64];
+  EXPECT_EQ(SmtpClient::GetAddress("\"Doe, <John>\" <john@example.com>", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "john@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress("Ann<ann@example.com", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "ann@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress("bob@example.com (Bob)", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "bob@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress(" bob@example.com", buffer, sizeof buffer), 0);
+  EXPECT_STREQ(buffer, "bob@example.com");
+  EXPECT_EQ(SmtpClient::GetAddress("<a@b.example>", buffer, 6), 0);
+  EXPECT_STREQ(buffer, "a@b.e");
+  EXPECT_EQ(SmtpClient::GetAddress("ab", buffer, sizeof buffer), 1);
+}
+
+TEST(SmtpDate, TheZoneOffsetFollowsTheBiasAndDaylightSaving) {
+  struct Case {
+    const char* zone;
+    const char* offset;
+  } cases[] = {{"CST-8", "+0800"},
+               {"UTC0", "+0000"},
+               {"IST-5:30", "+0530"},
+               {"NST3:30", "-0330"},
+               // Daylight saving all year round.
+               {"XST5XDT,J1/0,J365/25", "-0400"}};
+  for (const Case& c : cases) {
+    test::ScopedEnv zone("TZ", c.zone);
+    char buffer[40];
+    ASSERT_EQ(SmtpClient::GetDateString(buffer, sizeof buffer), 0);
+    std::string text(buffer);
+    EXPECT_EQ(text.size(), 31u) << text;
+    EXPECT_TRUE(text.ends_with(c.offset)) << c.zone << ": " << text;
+  }
+  char small[31];
+  EXPECT_EQ(SmtpClient::GetDateString(small, sizeof small), 1);
+}
+
+TEST(SaslEncoding, Base64BothWays) {
+  EXPECT_EQ(Base64Encode(""), "");
+  EXPECT_EQ(Base64Encode("f"), "Zg==");
+  EXPECT_EQ(Base64Encode("fo"), "Zm8=");
+  EXPECT_EQ(Base64Encode("foo"), "Zm9v");
+  EXPECT_EQ(Base64Decode("Zg==").value_or("?"), "f");
+  EXPECT_EQ(Base64Decode(" Zm8=\r\n").value_or("?"), "fo");
+  EXPECT_EQ(Base64Decode("Zm9v").value_or("?"), "foo");
+  EXPECT_FALSE(Base64Decode("Zm9").has_value());
+  EXPECT_FALSE(Base64Decode("Z!9v").has_value());
+  EXPECT_FALSE(CramMd5Answer("u", "p", "***").has_value());
+}
+
+}  // namespace
+}  // namespace corvane
