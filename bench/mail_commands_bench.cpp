@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "bench_support.h"
 #include "accounts/account_registry.h"
+#include "bench_support.h"
 #include "mail/mail_lister.h"
 #include "mail/mail_receiver.h"
 #include "support/mail_request.h"

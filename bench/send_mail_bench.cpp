@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
+#include "base/service_settings.h"
 #include "bench_support.h"
 #include "mail/mail_sender.h"
 #include "stream/file_data_source.h"
-#include "base/service_settings.h"
 #include "support/mail_request.h"
 #include "support/temp_dir.h"
 

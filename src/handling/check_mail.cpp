@@ -1,7 +1,9 @@
 #include "handling/check_mail.h"
 
-#include "handling/notify_program.h"
 #include "accounts/process_registry.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
+#include "handling/notify_program.h"
 #include "mail/header_display.h"
 #include "mail/known_uids.h"
 #include "mail/mail_date.h"
@@ -10,8 +12,6 @@
 #include "protocol/net_error.h"
 #include "protocol/operation_deadline.h"
 #include "protocol/pop3_client.h"
-#include "base/process_log.h"
-#include "base/service_settings.h"
 #include "transport/console.h"
 
 namespace corvane {

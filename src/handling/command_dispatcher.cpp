@@ -3,16 +3,16 @@
 #include <algorithm>
 #include <iterator>
 
-#include "handling/config_mail.h"
 #include "accounts/process_registry.h"
+#include "base/process_log.h"
+#include "base/service_settings.h"
+#include "handling/config_mail.h"
 #include "mail/mail_forwarder.h"
 #include "mail/mail_lister.h"
 #include "mail/mail_receiver.h"
 #include "mail/mail_replier.h"
 #include "mail/mail_sender.h"
 #include "protocol/operation_deadline.h"
-#include "base/process_log.h"
-#include "base/service_settings.h"
 #include "transport/request_fields.h"
 #include "transport/response_entries.h"
 

@@ -1,10 +1,10 @@
 #include "mail/attachment_upload.h"
 
+#include "base/process_log.h"
 #include "protocol/command_text.h"
 #include "protocol/ftp_client.h"
 #include "protocol/net_codes.h"
 #include "protocol/net_error.h"
-#include "base/process_log.h"
 
 namespace corvane {
 namespace {

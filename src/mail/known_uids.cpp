@@ -7,9 +7,9 @@
 #include <mutex>
 #include <unordered_set>
 
-#include "mail/cached_message.h"
 #include "base/process_log.h"
 #include "base/program_paths.h"
+#include "mail/cached_message.h"
 
 namespace corvane {
 namespace {

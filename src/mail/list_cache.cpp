@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <fstream>
 
-#include "stream/file_data_source.h"
 #include "base/decimal_text.h"
+#include "stream/file_data_source.h"
 
 namespace corvane {
 namespace {

@@ -1,7 +1,7 @@
 #include "mail/mail_forwarder.h"
 
-#include "mail/quoted_original.h"
 #include "base/process_log.h"
+#include "mail/quoted_original.h"
 #include "transport/response_entries.h"
 
 namespace corvane {

@@ -5,14 +5,14 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "base/process_log.h"
+#include "base/program_paths.h"
 #include "mail/header_display.h"
 #include "mail/known_uids.h"
 #include "mail/mail_date.h"
 #include "mail/text_shortening.h"
 #include "mime/mail_message.h"
 #include "protocol/net_error.h"
-#include "base/process_log.h"
-#include "base/program_paths.h"
 #include "transport/counted_string.h"
 #include "transport/response_entries.h"
 

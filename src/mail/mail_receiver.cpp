@@ -5,6 +5,9 @@
 
 #include <cstdio>
 
+#include "base/process_log.h"
+#include "base/program_paths.h"
+#include "base/service_settings.h"
 #include "mail/attachment_upload.h"
 #include "mail/cached_message.h"
 #include "mail/header_display.h"
@@ -14,12 +17,9 @@
 #include "mail/text_helpers.h"
 #include "mail/text_shortening.h"
 #include "mime/charset_converter.h"
-#include "stream/file_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/net_error.h"
-#include "base/process_log.h"
-#include "base/program_paths.h"
-#include "base/service_settings.h"
+#include "stream/file_data_source.h"
 #include "transport/response_entries.h"
 
 namespace corvane {

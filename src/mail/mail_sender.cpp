@@ -1,11 +1,11 @@
 #include "mail/mail_sender.h"
 
-#include "mail/text_helpers.h"
-#include "mime/encoded_words.h"
-#include "protocol/net_error.h"
 #include "base/decimal_text.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
+#include "mail/text_helpers.h"
+#include "mime/encoded_words.h"
+#include "protocol/net_error.h"
 #include "transport/response_entries.h"
 
 namespace corvane {

@@ -1,11 +1,11 @@
 #include "mail/mailbox_connection.h"
 
 #include "accounts/account.h"
-#include "stream/buffer_data_source.h"
-#include "protocol/command_text.h"
-#include "protocol/net_codes.h"
 #include "base/decimal_text.h"
 #include "base/limits.h"
+#include "protocol/command_text.h"
+#include "protocol/net_codes.h"
+#include "stream/buffer_data_source.h"
 
 namespace corvane {
 namespace {

@@ -1,9 +1,9 @@
 #include "mime/mime_composer.h"
 
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <memory>

@@ -6,13 +6,13 @@
 #include <string_view>
 #include <utility>
 
+#include "base/limits.h"
 #include "mime/attachment_content.h"
 #include "mime/content_params.h"
 #include "mime/encoded_words.h"
 #include "mime/gmime_handle.h"
 #include "mime/part_decoder.h"
 #include "mime/uuencoded_files.h"
-#include "base/limits.h"
 
 namespace corvane {
 namespace {

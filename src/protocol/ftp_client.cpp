@@ -4,13 +4,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/decimal_text.h"
+#include "base/limits.h"
 #include "protocol/command_text.h"
-#include "stream/file_data_source.h"
 #include "protocol/ftp_passive_reply.h"
 #include "protocol/net_codes.h"
 #include "protocol/socket_wait.h"
-#include "base/decimal_text.h"
-#include "base/limits.h"
+#include "stream/file_data_source.h"
 
 namespace corvane {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "stream/data_source.h"
 #include "protocol/net_client.h"
+#include "stream/data_source.h"
 
 namespace corvane {
 

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "stream/data_source.h"
 #include "protocol/net_codes.h"
-#include "stream/receive_writer.h"
 #include "protocol/secure_socket_client.h"
+#include "stream/data_source.h"
+#include "stream/receive_writer.h"
 
 namespace corvane {
 

@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "protocol/command_text.h"
-#include "stream/file_data_source.h"
-#include "protocol/net_codes.h"
-#include "protocol/reply_field.h"
 #include "base/decimal_text.h"
 #include "base/limits.h"
+#include "protocol/command_text.h"
+#include "protocol/net_codes.h"
+#include "protocol/reply_field.h"
+#include "stream/file_data_source.h"
 
 namespace corvane {
 namespace {

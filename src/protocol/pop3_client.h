@@ -5,8 +5,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "stream/data_source.h"
 #include "protocol/net_client.h"
+#include "stream/data_source.h"
 
 namespace corvane {
 

@@ -9,13 +9,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/decimal_text.h"
+#include "base/limits.h"
 #include "mime/mime_composer.h"
 #include "protocol/command_text.h"
 #include "protocol/net_codes.h"
 #include "protocol/reply_field.h"
 #include "protocol/sasl_encoding.h"
-#include "base/decimal_text.h"
-#include "base/limits.h"
 
 namespace corvane {
 namespace {

@@ -7,8 +7,8 @@
 #include "mime/mail_message.h"
 #include "mime/mime_composer.h"
 #include "mime/string_list.h"
-#include "stream/data_source.h"
 #include "protocol/net_client.h"
+#include "stream/data_source.h"
 
 namespace corvane {
 

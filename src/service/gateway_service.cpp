@@ -5,9 +5,9 @@
 
 #include <cstdio>
 
-#include "protocol/operation_deadline.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
+#include "protocol/operation_deadline.h"
 #include "service/startup.h"
 
 namespace corvane {

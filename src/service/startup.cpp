@@ -3,10 +3,10 @@
 #include <strings.h>
 
 #include "accounts/process_registry.h"
-#include "service/gateway_service.h"
 #include "base/ini_file.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
+#include "service/gateway_service.h"
 
 namespace corvane {
 

@@ -7,11 +7,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/limits.h"
 #include "mime/content_params.h"
 #include "mime/encoded_words.h"
 #include "stream/buffer_data_source.h"
 #include "stream/file_data_source.h"
-#include "base/limits.h"
 #include "support/temp_dir.h"
 
 namespace corvane {

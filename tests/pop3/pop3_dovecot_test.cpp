@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "pop3/pop3_server_env.h"
-#include "stream/buffer_data_source.h"
 #include "protocol/net_codes.h"
 #include "protocol/pop3_client.h"
+#include "stream/buffer_data_source.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
 

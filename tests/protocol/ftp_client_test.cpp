@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include "stream/buffer_data_source.h"
-#include "protocol/ftp_passive_reply.h"
 #include "base/limits.h"
+#include "protocol/ftp_passive_reply.h"
+#include "stream/buffer_data_source.h"
 #include "support/scripted_peer.h"
 
 namespace corvane {

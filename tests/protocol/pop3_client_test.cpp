@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "stream/buffer_data_source.h"
 #include "base/limits.h"
+#include "stream/buffer_data_source.h"
 #include "support/pop3_script.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "stream/file_data_source.h"
 #include "protocol/net_client.h"
 #include "protocol/secure_socket_client.h"
+#include "stream/file_data_source.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "support/temp_dir.h"

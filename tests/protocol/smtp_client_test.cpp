@@ -9,10 +9,10 @@
 #include <regex>
 #include <thread>
 
+#include "base/limits.h"
+#include "protocol/sasl_encoding.h"
 #include "stream/buffer_data_source.h"
 #include "stream/mapped_file_data_source.h"
-#include "protocol/sasl_encoding.h"
-#include "base/limits.h"
 #include "support/scoped_env.h"
 #include "support/scripted_peer.h"
 #include "support/smtp_script.h"

@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "service/gateway_service.h"
 #include "base/program_paths.h"
+#include "service/gateway_service.h"
 #include "support/notify_socket.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
