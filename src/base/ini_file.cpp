@@ -1,9 +1,9 @@
 #include "base/ini_file.h"
 
-#include <strings.h>
-
 #include <cstdio>
 #include <memory>
+
+#include "base/ascii_text.h"
 
 namespace corvane {
 namespace {
@@ -14,10 +14,6 @@ std::string_view Trim(std::string_view text) {
   if (first == std::string_view::npos) return {};
   size_t last = text.find_last_not_of(blanks);
   return text.substr(first, last - first + 1);
-}
-
-bool SameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 // The section name when the line is a section header, else nothing.
@@ -53,7 +49,7 @@ std::optional<std::string> IniFile::Get(std::string_view section, std::string_vi
   for (const std::string& line : lines_) {
     if (auto name = SectionOf(line)) {
       if (inSection) break;  // the wanted section has ended
-      inSection = SameName(*name, section);
+      inSection = SameText(*name, section);
       continue;
     }
     if (!inSection) continue;
@@ -61,7 +57,7 @@ std::optional<std::string> IniFile::Get(std::string_view section, std::string_vi
     if (text.empty() || text.front() == ';' || text.front() == '#') continue;
     size_t equals = text.find('=');
     if (equals == std::string_view::npos) continue;
-    if (SameName(Trim(text.substr(0, equals)), key)) {
+    if (SameText(Trim(text.substr(0, equals)), key)) {
       return std::string(Unquote(Trim(text.substr(equals + 1))));
     }
   }

@@ -1,7 +1,6 @@
 #include "base/service_settings.h"
 
-#include <strings.h>
-
+#include "base/ascii_text.h"
 #include "base/decimal_text.h"
 #include "base/ini_file.h"
 
@@ -43,8 +42,8 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
 }
 
 SmtpTlsSetting SmtpTlsFromName(const std::optional<std::string>& name) {
-  if (!name || strcasecmp(name->c_str(), "auto") == 0) return SmtpTlsSetting::kAuto;
-  if (strcasecmp(name->c_str(), "off") == 0) return SmtpTlsSetting::kOff;
+  if (!name || SameText(*name, "auto")) return SmtpTlsSetting::kAuto;
+  if (SameText(*name, "off")) return SmtpTlsSetting::kOff;
   return SmtpTlsSetting::kRequired;
 }
 
@@ -55,7 +54,7 @@ int32_t LogLevelFromName(const std::optional<std::string>& name) {
     int32_t level;
   } kLevels[] = {{"debug", 0}, {"warning", 2}, {"info", 1}, {"error", 3}};
   for (const auto& entry : kLevels) {
-    if (strcasecmp(name->c_str(), entry.name) == 0) return entry.level;
+    if (SameText(*name, entry.name)) return entry.level;
   }
   return 1;
 }

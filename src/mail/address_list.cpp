@@ -91,8 +91,8 @@ std::vector<std::string_view> FindAddresses(std::string_view text) {
 }  // namespace
 
 std::string ExtractAddresses(std::string_view text, std::string_view leaveOut) {
-  text = TextUntilZero(text);
-  leaveOut = TextUntilZero(leaveOut);
+  text = UpToNul(text);
+  leaveOut = UpToNul(leaveOut);
   const std::vector<std::string_view> addresses = FindAddresses(text);
   std::string list;
   for (size_t i = 0; i < addresses.size(); ++i) {
@@ -104,8 +104,8 @@ std::string ExtractAddresses(std::string_view text, std::string_view leaveOut) {
 }
 
 std::string JoinList(std::string_view first, std::string_view second) {
-  first = TextUntilZero(first);
-  second = TextUntilZero(second);
+  first = UpToNul(first);
+  second = UpToNul(second);
   if (first.empty()) return std::string(second);
   std::string joined;
   joined.reserve(first.size() + 1 + second.size());

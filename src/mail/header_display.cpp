@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "base/ascii_text.h"
 #include "mime/charset_converter.h"
 #include "mime/encoded_words.h"
 
@@ -14,7 +15,7 @@ namespace {
 // it can become a list row, a reply's subject or a notice argument without
 // starting a line of its own anywhere.
 std::string OneLine(std::string text) {
-  text.resize(std::min(text.size(), text.find('\0')));
+  text.resize(UpToNul(text).size());
   for (char& c : text) {
     if (c == '\r' || c == '\n' || c == '\t') c = ' ';
   }

@@ -48,7 +48,7 @@ std::string ReplaceAll(std::string_view text, std::string_view name, std::string
 }  // namespace
 
 std::string DecodeHtmlEntities(std::string_view html) {
-  const std::string_view original = TextUntilZero(html);
+  const std::string_view original = UpToNul(html);
   std::string decoded(original);
   for (const Entity& entity : kEntities) {
     if (original.find(entity.name) == std::string_view::npos) continue;

@@ -26,7 +26,7 @@ bool EndsLine(std::string_view tag) {
 }  // namespace
 
 std::string HtmlToText(std::string_view html) {
-  html = TextUntilZero(html);
+  html = UpToNul(html);
   PatternMatch match(TextAndTagPattern());
   std::string text;
   std::string tag;
@@ -61,7 +61,7 @@ std::string HtmlToText(std::string_view html) {
 }
 
 std::string HtmlBodyToText(std::string_view body) {
-  body = TextUntilZero(body);
+  body = UpToNul(body);
   std::string text;
   if (body.starts_with('<')) {
     text = HtmlToText(body);

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <unordered_set>
 
+#include "base/ascii_text.h"
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "mail/cached_message.h"
@@ -57,7 +58,7 @@ std::vector<std::string> ReadKnownUids(const std::string& path) {
   std::string text(kMaxListBytes, '\0');
   text.resize(std::fread(text.data(), 1, kMaxListBytes, file.get()));
   // The list is one C string: a zero byte ends it.
-  text.resize(std::min(text.size(), text.find('\0')));
+  text.resize(UpToNul(text).size());
   size_t start = 0;
   while (start <= text.size()) {
     size_t end = text.find(',', start);

@@ -34,7 +34,7 @@ int DigitsValue(std::optional<std::string_view> digits) {
 int32_t ParseMailDate(std::optional<std::string_view> text) {
   if (!text) return 0;
   PatternMatch match(DatePattern());
-  if (match.Find(TextUntilZero(*text)) != MatchStatus::kMatched) return 0;
+  if (match.Find(UpToNul(*text)) != MatchStatus::kMatched) return 0;
   const std::string_view month = match.Group(3).value_or("");
   const auto monthIndex =
       static_cast<int>(std::find(kMonths.begin(), kMonths.end(), month) - kMonths.begin());

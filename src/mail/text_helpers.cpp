@@ -2,12 +2,8 @@
 
 namespace corvane {
 
-std::string_view TextUntilZero(std::string_view text) {
-  return text.substr(0, text.find('\0'));
-}
-
 void SqueezeSpaces(std::string& text) {
-  text.resize(TextUntilZero(text).size());
+  text.resize(UpToNul(text).size());
   constexpr size_t kKept = 5;
   size_t out = 0;
   size_t run = 0;
@@ -20,7 +16,7 @@ void SqueezeSpaces(std::string& text) {
 }
 
 void SqueezeBlankLines(std::string& text) {
-  text.resize(TextUntilZero(text).size());
+  text.resize(UpToNul(text).size());
   const std::string_view kBlankLine = "\r\n\r\n";
   size_t out = 0;
   bool dropping = false;
@@ -41,27 +37,20 @@ void SqueezeBlankLines(std::string& text) {
 }
 
 bool HasEightBitBytes(std::string_view text) {
-  for (const char c : TextUntilZero(text)) {
+  for (const char c : UpToNul(text)) {
     if (static_cast<unsigned char>(c) >= 0x80) return true;
   }
   return false;
 }
 
 std::string ConcatNew(std::string_view first, std::optional<std::string_view> second) {
-  std::string joined(TextUntilZero(first));
-  if (second) joined += TextUntilZero(*second);
+  std::string joined(UpToNul(first));
+  if (second) joined += UpToNul(*second);
   return joined;
 }
 
-void LowerAscii(std::string& text) {
-  text.resize(TextUntilZero(text).size());
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-}
-
 std::optional<std::string> ExtractCharset(std::string_view contentType) {
-  contentType = TextUntilZero(contentType);
+  contentType = UpToNul(contentType);
   const std::string_view kQuoted = "charset=\"";
   if (const size_t at = contentType.find(kQuoted); at != std::string_view::npos) {
     const size_t begin = at + kQuoted.size();

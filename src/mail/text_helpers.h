@@ -4,14 +4,14 @@
 #include <string>
 #include <string_view>
 
+#include "base/ascii_text.h"
+
 namespace corvane {
 
 // Small routines on the byte texts of mail, in the message's own charset. A
 // text ends at its first zero byte, as the C strings of the mail path do; the
-// routines that change a text in place cut it there.
-
-// The part of `text` before its first zero byte.
-std::string_view TextUntilZero(std::string_view text);
+// routines that change a text in place cut it there (UpToNul and LowerAscii
+// of base/ascii_text.h are theirs too).
 
 // Every run of five or more spaces becomes exactly five; shorter runs stay.
 void SqueezeSpaces(std::string& text);
@@ -25,9 +25,6 @@ bool HasEightBitBytes(std::string_view text);
 
 // "first" followed by "second", or a copy of `first` when there is no second.
 std::string ConcatNew(std::string_view first, std::optional<std::string_view> second);
-
-// Lowers A to Z; every other byte, 8-bit ones included, stays.
-void LowerAscii(std::string& text);
 
 // The charset named in a Content-Type text: between `charset="` and the next
 // double quote, else everything after `charset=` to the end (parameters that

@@ -5,7 +5,7 @@
 namespace corvane {
 
 int ShortenText(std::string& text, int limit) {
-  text.resize(TextUntilZero(text).size());
+  text.resize(UpToNul(text).size());
   const auto length = static_cast<long long>(text.size());
   if (limit >= length - 3 || limit < 2) return static_cast<int>(length);
   int pending = 0;  // bytes of a two-byte character seen so far

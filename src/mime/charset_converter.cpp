@@ -7,7 +7,7 @@
 #include <memory>
 #include <mutex>
 
-#include "mime/charset_names.h"
+#include "base/ascii_text.h"
 
 namespace corvane {
 namespace {
@@ -45,10 +45,6 @@ Converter OpenConverter(uint32_t codePage) {
   Converter converter(ucnv_open(name, &status));
   if (U_FAILURE(status)) return nullptr;
   return converter;
-}
-
-std::string_view UntilZero(std::string_view text) {
-  return text.substr(0, text.find('\0'));
 }
 
 std::optional<std::u16string> ToUtf16(std::string_view text, uint32_t codePage) {
@@ -97,7 +93,7 @@ std::optional<std::string> FromUtf16(std::u16string_view wide, uint32_t codePage
 }
 
 std::optional<std::string> ConvertCodePage(std::string_view text, uint32_t from, uint32_t to) {
-  std::optional<std::u16string> wide = ToUtf16(UntilZero(text), from);
+  std::optional<std::u16string> wide = ToUtf16(UpToNul(text), from);
   if (!wide) return std::nullopt;
   return FromUtf16(*wide, to);
 }
@@ -127,7 +123,7 @@ std::optional<std::string> ConvertToGb(std::string_view text, uint32_t codePage)
 }
 
 std::string TraditionalToSimplified(std::string_view gbText) {
-  gbText = UntilZero(gbText);
+  gbText = UpToNul(gbText);
   std::unique_ptr<icu::Transliterator> simplifier = NewSimplifier();
   std::optional<std::u16string> wide = ToUtf16(gbText, kGbCodePage);
   if (!simplifier || !wide) return std::string(gbText);
@@ -140,19 +136,19 @@ std::string TraditionalToSimplified(std::string_view gbText) {
 
 std::optional<std::string> ConvertCharset(std::string_view from, std::string_view to,
                                           std::string_view text) {
-  if (SameCharsetName(from, to)) return std::nullopt;
-  const bool toGb = SameCharsetName(to, "gb2312");
-  if (toGb && SameCharsetName(from, "utf-8")) return ConvertCodePage(text, 65001, kGbCodePage);
-  if (SameCharsetName(from, "gb2312") && SameCharsetName(to, "utf-8")) {
+  if (SameText(from, to)) return std::nullopt;
+  const bool toGb = SameText(to, "gb2312");
+  if (toGb && SameText(from, "utf-8")) return ConvertCodePage(text, 65001, kGbCodePage);
+  if (SameText(from, "gb2312") && SameText(to, "utf-8")) {
     return ConvertCodePage(text, kGbCodePage, 65001);
   }
-  if (toGb && SameCharsetName(from, "big5")) {
+  if (toGb && SameText(from, "big5")) {
     std::optional<std::string> gb = ConvertToGb(text, 950);
     if (!gb) return std::nullopt;
     return TraditionalToSimplified(*gb);
   }
-  if (toGb && SameCharsetName(from, "hz-gb-2312")) return ConvertToGb(text, 52936);
-  if (toGb && SameCharsetName(from, "utf-7")) return ConvertToGb(text, 65000);
+  if (toGb && SameText(from, "hz-gb-2312")) return ConvertToGb(text, 52936);
+  if (toGb && SameText(from, "utf-7")) return ConvertToGb(text, 65000);
   return std::nullopt;
 }
 

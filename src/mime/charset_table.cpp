@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "mime/charset_names.h"
+#include "base/ascii_text.h"
 
 namespace corvane {
 namespace {
@@ -68,7 +68,7 @@ std::span<const CharsetInfo> CharsetTable() {
 
 const CharsetInfo* LookupCharset(std::string_view name) {
   for (const CharsetInfo& row : kCharsets) {
-    if (SameCharsetName(row.name, name)) return &row;
+    if (SameText(row.name, name)) return &row;
   }
   return nullptr;
 }

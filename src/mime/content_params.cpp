@@ -1,9 +1,9 @@
 #include "mime/content_params.h"
 
-#include <strings.h>
-
 #include <map>
 #include <vector>
+
+#include "base/ascii_text.h"
 
 namespace corvane {
 namespace {
@@ -16,10 +16,6 @@ std::string_view Trim(std::string_view text) {
   while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
   while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
   return text;
-}
-
-bool SameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 int HexValue(char c) {
@@ -105,7 +101,7 @@ std::optional<HeaderParameter> FindHeaderParameter(std::string_view fieldValue,
   for (RawParameter& parameter : SplitParameters(fieldValue)) {
     std::string_view attribute = parameter.attribute;
     size_t star = attribute.find('*');
-    if (!SameName(attribute.substr(0, star), name)) continue;
+    if (!SameText(attribute.substr(0, star), name)) continue;
     if (star == std::string_view::npos) {
       if (!plain) plain = HeaderParameter{std::move(parameter.value), {}};
       continue;

@@ -1,12 +1,11 @@
 #include "mime/encoded_words.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
 
+#include "base/ascii_text.h"
 #include "mime/gmime_handle.h"
 
 namespace corvane {
@@ -112,11 +111,7 @@ enum class CharsetShape { kSingleByte, kUtf8, kDoubleByte, kGb18030, kShiftJis, 
 
 bool NameIs(std::string_view charset, std::initializer_list<const char*> names) {
   for (const char* name : names) {
-    std::string_view candidate(name);
-    if (candidate.size() == charset.size() &&
-        ::strncasecmp(candidate.data(), charset.data(), charset.size()) == 0) {
-      return true;
-    }
+    if (SameText(name, charset)) return true;
   }
   return false;
 }
@@ -133,10 +128,7 @@ CharsetShape ShapeOf(std::string_view charset) {
     return CharsetShape::kShiftJis;
   }
   if (NameIs(charset, {"euc-jp", "x-euc-jp"})) return CharsetShape::kEucJp;
-  auto startsWith = [&](std::string_view prefix) {
-    return charset.size() >= prefix.size() &&
-           ::strncasecmp(charset.data(), prefix.data(), prefix.size()) == 0;
-  };
+  auto startsWith = [&](std::string_view prefix) { return StartsWithText(charset, prefix); };
   if (startsWith("iso-2022") || startsWith("hz") || startsWith("utf-7") || startsWith("utf-16") ||
       startsWith("utf-32") || startsWith("ucs")) {
     return CharsetShape::kStateful;

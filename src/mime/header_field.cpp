@@ -1,8 +1,8 @@
 #include "mime/header_field.h"
 
-#include <strings.h>
-
 #include <array>
+
+#include "base/ascii_text.h"
 
 namespace corvane {
 namespace {
@@ -44,7 +44,7 @@ HeaderFieldId HeaderFieldIdOfName(std::string_view name) {
   for (int32_t id = kFieldMessageId; id < kFieldCustom; ++id) {
     std::string_view text = kFieldTexts[static_cast<size_t>(id)];
     text.remove_suffix(1);  // the colon
-    if (text.size() == name.size() && ::strncasecmp(text.data(), name.data(), name.size()) == 0) {
+    if (SameText(text, name)) {
       return static_cast<HeaderFieldId>(id);
     }
   }

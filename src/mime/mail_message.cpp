@@ -1,12 +1,11 @@
 #include "mime/mail_message.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <utility>
 
+#include "base/ascii_text.h"
 #include "mime/mime_codes.h"
 #include "mime/mime_composer.h"
 #include "mime/mime_parser.h"
@@ -16,10 +15,6 @@ namespace {
 
 bool Selects(int32_t id, const HeaderEntry& entry) {
   return id == kFieldAll || entry.id == id;
-}
-
-bool SameText(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "mime/mime_composer.h"
 
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/ascii_text.h"
 #include "mime/encoded_words.h"
 #include "mime/gmime_handle.h"
 #include "mime/gmime_sink_stream.h"
@@ -22,10 +22,6 @@ constexpr int kWriteChunk = 1 << 20;
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
-}
-
-bool SameText(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 // The field name as it goes on the wire: stored names end in ':' (table) or
@@ -192,7 +188,7 @@ GMimeHandle<GMimePart> FilePart(const std::string& path, const std::string& char
 // The listed Content-Type when it is a text type, the text body's own.
 const std::string* ListedTextType(const MailMessage& message) {
   const std::string* listed = message.HeaderValue(kFieldContentType, 0);
-  if (listed == nullptr || !SameText(std::string_view(*listed).substr(0, 5), "text/")) {
+  if (listed == nullptr || !StartsWithText(*listed, "text/")) {
     return nullptr;
   }
   return listed;

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/ascii_text.h"
 #include "base/limits.h"
 #include "mime/attachment_content.h"
 #include "mime/content_params.h"
@@ -43,10 +44,9 @@ std::string PartField(GMimeObject* part, const char* name) {
   return header ? UnfoldedValue(g_mime_header_get_raw_value(header)) : std::string();
 }
 
-std::string LowerAscii(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) c = static_cast<char>(g_ascii_tolower(c));
-  return lower;
+std::string Lowered(std::string text) {
+  LowerAscii(text);
+  return text;
 }
 
 // A name in the form a header carries it: an RFC 2231 name with a charset
@@ -91,9 +91,10 @@ class PartWalker {
   void WalkLeaf(GMimePart* part) {
     GMimeObject* object = GMIME_OBJECT(part);
     GMimeContentType* type = g_mime_object_get_content_type(object);
-    std::string mediaType = LowerAscii(type ? g_mime_content_type_get_media_type(type) : "text");
-    std::string subtype = LowerAscii(type ? g_mime_content_type_get_media_subtype(type) : "plain");
-    std::string disposition = LowerAscii(FieldMainValue(PartField(object, "Content-Disposition")));
+    std::string mediaType = Lowered(type ? g_mime_content_type_get_media_type(type) : "text");
+    std::string subtype = Lowered(type ? g_mime_content_type_get_media_subtype(type) : "plain");
+    std::string disposition =
+        Lowered(std::string(FieldMainValue(PartField(object, "Content-Disposition"))));
     bool named = NameOf(object).has_value();
     if (mediaType == "text" && disposition != "attachment" && !named) {
       std::optional<BodyText>* body = subtype == "plain"  ? &out_.textBody

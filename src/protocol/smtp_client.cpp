@@ -1,7 +1,6 @@
 #include "protocol/smtp_client.h"
 
 #include <openssl/crypto.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/ascii_text.h"
 #include "base/decimal_text.h"
 #include "base/limits.h"
 #include "mime/mime_composer.h"
@@ -44,7 +44,7 @@ int CodeOf(const char* line) {
 bool WrittenPerTransaction(std::string_view field) {
   std::string_view name = field.substr(0, field.find(':'));
   for (const char* own : {"From", "To", "Cc", "Bcc", "Subject", "Date"}) {
-    if (name.size() == std::strlen(own) && strncasecmp(name.data(), own, name.size()) == 0) {
+    if (SameText(name, own)) {
       return true;
     }
   }
@@ -307,11 +307,11 @@ int SmtpClient::Authenticate() {
   bool cramMd5 = false, login = false;
   for (int i = 0; i < authMethods_.Count(); ++i) {
     const char* method = authMethods_.Get(i)->c_str();
-    if (strcasecmp(method, "CRAM-MD5") == 0) {
+    if (SameText(method, "CRAM-MD5")) {
       cramMd5 = true;
       break;
     }
-    if (strcasecmp(method, "LOGIN") == 0) login = true;
+    if (SameText(method, "LOGIN")) login = true;
   }
   if (cramMd5) return AuthCramMD5();
   if (login) return AuthLogin();
@@ -612,28 +612,6 @@ int SmtpClient::SendMail(const MailMessage& message) {
     if (result != kNetOk) break;
   }
   return result;
-}
-
-int SmtpClient::SendMailParts(const char* to, const char* from, const char* subject,
-                              const char* body, const char* cc, const char* bcc,
-                              const char* const* attachmentPaths, int count) {
-  if (to == nullptr || from == nullptr || subject == nullptr || body == nullptr) {
-    return OnError(kNetInvalidParameter);
-  }
-  MailMessage message;
-  bool headersSet = message.AppendHeader(to, kFieldTo) == 1 &&
-                    message.AppendHeader(from, kFieldFrom) == 1 &&
-                    message.AppendHeader(subject, kFieldSubject) == 1 &&
-                    (cc == nullptr || *cc == '\0' || message.AppendHeader(cc, kFieldCc) == 1) &&
-                    (bcc == nullptr || *bcc == '\0' || message.AppendHeader(bcc, kFieldBcc) == 1);
-  if (!headersSet) return OnError(kNetFailed);
-  message.SetTextBody(body);
-  for (int i = 0; attachmentPaths != nullptr && i < count; ++i) {
-    if (attachmentPaths[i] != nullptr && message.AddAttachmentFile(attachmentPaths[i]) != 0) {
-      return OnError(kNetAttachFailed);
-    }
-  }
-  return SendMail(message);
 }
 
 int SmtpClient::GetAddress(const char* text, char* buffer, int size) {

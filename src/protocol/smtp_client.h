@@ -53,11 +53,6 @@ class SmtpClient : public CNetClient {
   virtual int SMTPConnect(const char* host, const char* localName);
   // QUIT (its reply is not awaited) and close.
   virtual int SMTPClose();
-  // A message built from its parts, then SendMail. `attachmentPaths` holds
-  // `count` paths, null entries skipped.
-  virtual int SendMailParts(const char* to, const char* from, const char* subject, const char* body,
-                            const char* cc, const char* bcc, const char* const* attachmentPaths,
-                            int count);
   // Delivers `message` to each To, Cc and Bcc address in turn, stopping at
   // the first failure; each copy is composed as it goes out.
   virtual int SendMail(const MailMessage& message);

@@ -1,8 +1,7 @@
 #include "service/startup.h"
 
-#include <strings.h>
-
 #include "accounts/process_registry.h"
+#include "base/ascii_text.h"
 #include "base/ini_file.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
@@ -41,11 +40,11 @@ void DestroyGlobals() {
 
 void LogStartupIntent(int argc, char** argv) {
   const char* argument = argc > 1 ? argv[1] : "";
-  if (strcasecmp(argument, "-i") == 0) {
+  if (SameText(argument, "-i")) {
     WriteLog(kLogInfo, "Install Corvane as service\n");
-  } else if (strcasecmp(argument, "-u") == 0) {
+  } else if (SameText(argument, "-u")) {
     WriteLog(kLogInfo, "unnstall Corvane from service\n");
-  } else if (strcasecmp(argument, "-v") == 0) {
+  } else if (SameText(argument, "-v")) {
     WriteLog(kLogInfo, "Show the version\n");
   } else {
     // The banner ends in GB2312 text: "waiting to receive requests" and a

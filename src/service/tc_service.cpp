@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
-#include <strings.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
@@ -15,6 +14,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/ascii_text.h"
 #include "base/debug_trace.h"
 #include "base/program_paths.h"
 
@@ -195,10 +195,10 @@ bool TCService::Uninstall() {
 int TCService::ParseStandardArgs(int argc, char** argv, FILE* out) {
   if (argc < 2) return 0;
   const char* argument = argv[1];
-  if (strcasecmp(argument, "-v") == 0) {
+  if (SameText(argument, "-v")) {
     std::fprintf(out, "%s Version %d.%d\n", serviceName_, majorVersion_, minorVersion_);
     std::fprintf(out, "The service is %s installed\n", IsInstalled() ? "currently" : "not");
-  } else if (strcasecmp(argument, "-i") == 0) {
+  } else if (SameText(argument, "-i")) {
     if (IsInstalled()) {
       std::fprintf(out, "%s is already installed\n", serviceName_);
     } else if (Install()) {
@@ -206,7 +206,7 @@ int TCService::ParseStandardArgs(int argc, char** argv, FILE* out) {
     } else {
       std::fprintf(out, "%s failed to install. Error %d\n", serviceName_, errno);
     }
-  } else if (strcasecmp(argument, "-u") == 0) {
+  } else if (SameText(argument, "-u")) {
     if (!IsInstalled()) {
       std::fprintf(out, "%s is not installed\n", serviceName_);
     } else if (!Uninstall()) {

@@ -40,12 +40,7 @@ int BufferDataSource::Open(int mode) {
 }
 
 int BufferDataSource::ReadLine(char* buffer, int max) {
-  if (buffer == nullptr || max < 1) return -1;
-  int count = Read(buffer, max - 1);
-  int64_t length = LineLengthInBlock(buffer, count);
-  buffer[length] = '\0';
-  position_ -= count - length;
-  return static_cast<int>(length);
+  return ReadLineOfBlock(buffer, max);
 }
 
 int BufferDataSource::WriteLine(const char* text) {

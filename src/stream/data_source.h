@@ -68,15 +68,22 @@ class DataSource {
     }
   }
 
-  // The length of the line at the front of a block of `count` bytes read for
-  // ReadLine by the memory kinds: the first carriage return ends it, keeping
-  // that carriage return and a line feed right behind it when the block holds
-  // one; without a carriage return the whole block is the line.
-  static int64_t LineLengthInBlock(const char* block, int64_t count) {
-    const void* cr = count > 0 ? std::memchr(block, '\r', static_cast<size_t>(count)) : nullptr;
-    if (cr == nullptr) return count;
-    int64_t length = static_cast<const char*>(cr) - block + 1;
-    if (length < count && block[length] == '\n') ++length;
+  // ReadLine of the memory kinds: a block of max - 1 bytes is read and cut
+  // behind its first carriage return (and a line feed right behind it, when
+  // the block holds one), and the position goes back by what was cut;
+  // without a carriage return the whole block is the line.
+  int ReadLineOfBlock(char* buffer, int max) {
+    if (buffer == nullptr || max < 1) return -1;
+    int count = Read(buffer, max - 1);
+    if (count < 0) return count;
+    const void* cr = count > 0 ? std::memchr(buffer, '\r', static_cast<size_t>(count)) : nullptr;
+    int length = count;
+    if (cr != nullptr) {
+      length = static_cast<int>(static_cast<const char*>(cr) - buffer) + 1;
+      if (length < count && buffer[length] == '\n') ++length;
+    }
+    buffer[length] = '\0';
+    if (length < count) Seek(length - count, kSeekCurrent);
     return length;
   }
 

@@ -138,13 +138,7 @@ bool MappedFileDataSource::Grow(int64_t newSize) {
 }
 
 int MappedFileDataSource::ReadLine(char* buffer, int max) {
-  if (buffer == nullptr || max < 1) return -1;
-  int count = Read(buffer, max - 1);
-  if (count < 0) return count;
-  int64_t length = LineLengthInBlock(buffer, count);
-  buffer[length] = '\0';
-  position_ -= count - length;
-  return static_cast<int>(length);
+  return ReadLineOfBlock(buffer, max);
 }
 
 int MappedFileDataSource::WriteLine(const char* text) {

@@ -31,7 +31,6 @@ class wxCodec {
   static std::string Decode(std::string_view wire);
 
   bool brewMode = false;
-  bool fixedKeyLength = false;
 };
 
 }  // namespace corvane

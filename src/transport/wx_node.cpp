@@ -28,7 +28,7 @@ Item* FindExact(std::vector<Item>& items, std::optional<std::string_view> name) 
 template <typename Item>
 const Item* FindText(const std::vector<Item>& items, std::string_view name) {
   for (const Item& item : items) {
-    if (SameText(item.name, name)) return &item;
+    if (ReadsLike(item.name, name)) return &item;
   }
   return nullptr;
 }
@@ -86,14 +86,14 @@ const wxNode::MultiField* wxNode::FindMultiField(std::string_view name) const {
 
 wxByteStream* wxNode::FindBinary(std::string_view name) {
   for (BinaryField& field : binaryFields_) {
-    if (SameText(field.name, name)) return &field.stream;
+    if (ReadsLike(field.name, name)) return &field.stream;
   }
   return nullptr;
 }
 
 wxNode* wxNode::FindChildNamed(std::string_view name) const {
   for (wxNode* child : children_) {
-    if (SameText(child->name_, name) || SameText(child->value_, name)) return child;
+    if (ReadsLike(child->name_, name) || ReadsLike(child->value_, name)) return child;
   }
   return nullptr;
 }

@@ -6,20 +6,17 @@
 #include <string_view>
 #include <vector>
 
+#include "base/ascii_text.h"
 #include "transport/wx_byte_stream.h"
 
 namespace corvane {
 
 // Container names and values are looked up as zero-terminated text: the bytes
 // up to the first zero byte, if any.
-inline std::string_view ZeroTerminated(std::string_view text) {
-  return text.substr(0, text.find('\0'));
-}
-
 // True when `stored` is present and reads, as zero-terminated text, like
 // `wanted`. An absent name or value never matches.
-inline bool SameText(const std::optional<std::string>& stored, std::string_view wanted) {
-  return stored && ZeroTerminated(*stored) == ZeroTerminated(wanted);
+inline bool ReadsLike(const std::optional<std::string>& stored, std::string_view wanted) {
+  return stored && UpToNul(*stored) == UpToNul(wanted);
 }
 
 // One node of a record set: a name and a value, single-valued fields (unique

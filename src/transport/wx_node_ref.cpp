@@ -35,7 +35,7 @@ std::optional<std::string> Column(std::string_view row, int column) {
     if (at == column) {
       auto data = CountedString::DataAt(row.data(), row.size());
       if (!data) return std::nullopt;
-      return std::string(ZeroTerminated(*data));
+      return std::string(UpToNul(*data));
     }
     row.remove_prefix(std::min(size, row.size()));
   }
@@ -89,7 +89,7 @@ std::optional<std::string> wxNodeRef::ValueAt(std::string_view fieldName, int in
 
 std::optional<std::string> wxNodeRef::Expand(const std::optional<std::string>& stored, int depth) {
   if (!stored) return std::nullopt;
-  std::string_view text = ZeroTerminated(*stored);
+  std::string_view text = UpToNul(*stored);
   if (depth < kMaxExpansion && text.find('.') != std::string_view::npos) {
     if (auto resolved = Resolve(text, depth + 1)) return resolved;
   }
@@ -97,7 +97,7 @@ std::optional<std::string> wxNodeRef::Expand(const std::optional<std::string>& s
 }
 
 std::optional<std::string> wxNodeRef::Resolve(std::string_view expression, int depth) {
-  expression = ZeroTerminated(expression);
+  expression = UpToNul(expression);
   size_t dot = expression.rfind('.');
   wxRecordSet* records = query_.CurrentRecordSet();
   if (dot == std::string_view::npos || !records) return std::nullopt;
@@ -116,7 +116,7 @@ std::optional<std::string> wxNodeRef::Resolve(std::string_view expression, int d
     std::string_view inside = tail.substr(open + 1, close - open - 1);
     if (tail[open] == '[') {
       result = target.ValueAt(name, ReadDecimal(inside), depth);
-    } else if (SameText(target.node_->Value(), kQueryType)) {
+    } else if (ReadsLike(target.node_->Value(), kQueryType)) {
       result = target.CallMethod(name, inside);
     }
   }

@@ -12,7 +12,7 @@ std::optional<std::string_view> DataOf(std::string_view counted) {
 }  // namespace
 
 wxRecordSet::wxRecordSet(std::optional<std::string_view> name)
-    : name_(ZeroTerminated(name.value_or(std::string_view()))) {}
+    : name_(UpToNul(name.value_or(std::string_view()))) {}
 
 wxRecordSet::~wxRecordSet() = default;
 
@@ -21,7 +21,7 @@ void wxRecordSet::Apply(unsigned tag, std::string_view countedName, std::string_
   std::optional<std::string_view> value = DataOf(countedValue);
   switch (tag) {
     case kPath:
-      if (!HasName() && name) name_ = ZeroTerminated(*name);
+      if (!HasName() && name) name_ = UpToNul(*name);
       current_ = value ? ResolvePath(*value) : nullptr;
       return;
     case kOpenNode:
@@ -70,7 +70,7 @@ void wxRecordSet::OpenNode(std::optional<std::string_view> name,
 }
 
 void wxRecordSet::Mark(std::string_view mark) {
-  mark = ZeroTerminated(mark);
+  mark = UpToNul(mark);
   if (mark == "Begin") {
     // The index only grows, so the last node opened at a depth is also the
     // last one in the index at that depth.
@@ -84,10 +84,10 @@ void wxRecordSet::Mark(std::string_view mark) {
 
 wxNode* wxRecordSet::FindNode(std::string_view name) const {
   for (wxNode* root : roots_) {
-    if (SameText(root->Name(), name)) return root;
+    if (ReadsLike(root->Name(), name)) return root;
   }
   for (wxNode* root : roots_) {
-    if (SameText(root->Value(), name)) return root;
+    if (ReadsLike(root->Value(), name)) return root;
   }
   return nullptr;
 }
@@ -96,14 +96,14 @@ wxNode* wxRecordSet::FindChild(const wxNode* node, std::string_view name) const 
   if (!node) return nullptr;
   if (wxNode* child = node->FindChildNamed(name)) return child;
   for (const wxNode::Field& field : node->Fields()) {
-    if (!SameText(field.name, name) || !field.value) continue;
+    if (!ReadsLike(field.name, name) || !field.value) continue;
     if (wxNode* named = FindNode(*field.value)) return named;
   }
   return nullptr;
 }
 
 wxNode* wxRecordSet::ResolvePath(std::string_view path) const {
-  path = ZeroTerminated(path);
+  path = UpToNul(path);
   wxNode* node = nullptr;
   bool first = true;
   while (true) {

@@ -73,12 +73,6 @@ TEST(ConcatNewTest, JoinsOrCopies) {
   EXPECT_EQ(ConcatNew("", "b"), "b");
 }
 
-TEST(LowerAsciiTest, LowersOnlyAToZ) {
-  std::string text = "ABC xyz [Z] @ \xC4\xD6\xDC 09";
-  LowerAscii(text);
-  EXPECT_EQ(text, "abc xyz [z] @ \xC4\xD6\xDC 09");
-}
-
 TEST(ExtractCharsetTest, TakesTheQuotedName) {
   EXPECT_EQ(ExtractCharset("text/plain; charset=\"gb2312\""), "gb2312");
   EXPECT_EQ(ExtractCharset("text/html; charset=\"UTF-8\"; format=flowed"), "UTF-8");
