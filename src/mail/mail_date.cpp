@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 
@@ -52,6 +54,29 @@ int32_t ParseMailDate(std::optional<std::string_view> text) {
     return -1;
   }
   return static_cast<int32_t>(value);
+}
+
+int GetDateString(char* buffer, int size) {
+  static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  if (buffer == nullptr || size < 32) return 1;
+  tzset();
+  time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+  // The zone's bias is seconds west of UTC, as the zone rules keep it.
+  long bias = timezone;
+  long hours = bias / 3600 - (local.tm_isdst > 0 ? 1 : 0);
+  char sign = '-';
+  if (hours <= 0) {
+    sign = '+';
+    hours = -hours;
+  }
+  long minutes = std::labs(bias % 3600) / 60;
+  std::snprintf(
+      buffer, static_cast<size_t>(size), "%s, %2.2d %s %d %2.2d:%2.2d:%2.2d %c%2.2ld%2.2ld",
+      kDays[local.tm_wday], local.tm_mday, kMonths[static_cast<size_t>(local.tm_mon)].data(),
+      local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec, sign, hours, minutes);
+  return 0;
 }
 
 }  // namespace corvane

@@ -14,4 +14,9 @@ namespace corvane {
 // text or no such date; -1 when the date has no time value in 32 bits.
 int32_t ParseMailDate(std::optional<std::string_view> text);
 
+// The local time as a Date header value with its zone offset, "Tue, 03 Mar
+// 2009 14:05:09 +0800", into `buffer` of `size` bytes. 1 when `size` is
+// below 32, else 0.
+int GetDateString(char* buffer, int size);
+
 }  // namespace corvane

@@ -3,6 +3,8 @@
 #include "base/decimal_text.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
+#include "mail/message_submission.h"
+#include "mail/message_submission.h"
 #include "mail/text_helpers.h"
 #include "mime/encoded_words.h"
 #include "protocol/net_error.h"
@@ -119,7 +121,7 @@ void MailSender::Send(wxEntryLog& answer) {
   result = Compose(message);
   WriteLog(kLogDebug, "Send mail to: %s\n", mail_.to->c_str());
   WriteLog(kLogDebug, "Subject: %s\n", mail_.subject.value_or("").c_str());
-  if (result == 0) result = client_.SendMail(message);
+  if (result == 0) result = SubmitMessage(client_, message);
   if (result == 0) {
     WriteSuccess(answer);
     WriteLog(kLogDebug, "Send mail success\n");

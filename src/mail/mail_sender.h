@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "mime/mail_message.h"
 #include "protocol/smtp_client.h"
 #include "transport/request_fields.h"
 #include "transport/wx_entry_log.h"

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "gateway_mail/delivered_mail.h"
+#include "mail/message_submission.h"
 #include "pop3/pop3_server_env.h"
-#include "protocol/smtp_client.h"
 
 namespace corvane {
 namespace {
@@ -50,10 +50,10 @@ TEST_F(SmtpEximTest, StartTlsGreetsAgainForTheMethodsThenLogsInAndDelivers) {
   client.SetAuthentication(true);
   ASSERT_EQ(Connect(client, "SMTP_LOGIN_PORT"), 0);
   EXPECT_TRUE(client.IsSessionSecure());
-  ASSERT_EQ(client.AuthMethods().Count(), 2);
-  EXPECT_EQ(*client.AuthMethods().Get(0), "LOGIN");
+  ASSERT_EQ(client.AuthMethods().size(), 2);
+  EXPECT_EQ(client.AuthMethods()[0], "LOGIN");
   std::string marker = test::UniqueMarker("starttls");
-  EXPECT_EQ(client.SendMail(Message(marker, "inboxuser@localhost")), 0);
+  EXPECT_EQ(SubmitMessage(client, Message(marker, "inboxuser@localhost")), 0);
   client.SMTPClose();
   std::string delivered = ReadFile(DeliveredFile(Maildir("inboxuser"), marker));
   ASSERT_FALSE(delivered.empty()) << "not delivered";
@@ -75,7 +75,7 @@ TEST_F(SmtpEximTest, CramMd5AgainstTheServer) {
     ASSERT_EQ(Connect(client), 0);
     EXPECT_FALSE(client.IsSessionSecure());
     std::string marker = test::UniqueMarker("cram-md5");
-    EXPECT_EQ(client.SendMail(Message(marker, "inboxuser@localhost")), 0);
+    EXPECT_EQ(SubmitMessage(client, Message(marker, "inboxuser@localhost")), 0);
     client.SMTPClose();
     EXPECT_FALSE(DeliveredFile(Maildir("inboxuser"), marker).empty());
     EXPECT_NE(ReadFile(smtp_.Get("MAIN_LOG")).find("A=cram_md5:smtpuser"), std::string::npos);
@@ -91,7 +91,7 @@ TEST_F(SmtpEximTest, EachRecipientGetsACopyAndBccStaysHidden) {
   std::string marker = test::UniqueMarker("three copies");
   MailMessage message = Message(marker, "inboxuser@localhost,Out <outboxuser@localhost>");
   message.AppendHeader("scratchuser@localhost", kFieldBcc);
-  EXPECT_EQ(client.SendMail(message), 0);
+  EXPECT_EQ(SubmitMessage(client, message), 0);
   client.SMTPClose();
   for (const char* user : {"inboxuser", "outboxuser", "scratchuser"}) {
     std::string copy = ReadFile(DeliveredFile(Maildir(user), marker));
