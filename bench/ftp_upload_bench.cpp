@@ -29,7 +29,7 @@ class FtpServer : public corvane::bench::TestServer {
   FtpServer()
       : TestServer("ftp", [](const Pop3ServerEnv& env) {
           corvane::FtpClient probe;
-          probe.SetServerPort(env.Port("FTP_PORT"));
+          probe.SetPort(env.Port("FTP_PORT"));
           bool up = env.Port("FTP_PORT") != 0 &&
                     probe.FtpConnect("127.0.0.1", env.Get("FTP_USER").c_str(),
                                      env.Get("FTP_PASS").c_str(), "") == 0;
@@ -44,7 +44,7 @@ double CorvaneStore(const Pop3ServerEnv& env, bool passive, const std::string& f
                     const std::string& name) {
   auto started = Clock::now();
   corvane::FtpClient client;
-  client.SetServerPort(env.Port("FTP_PORT"));
+  client.SetPort(env.Port("FTP_PORT"));
   client.SetPassive(passive);
   int result =
       client.FtpConnect("127.0.0.1", env.Get("FTP_USER").c_str(), env.Get("FTP_PASS").c_str(), "");

@@ -45,7 +45,7 @@ int UploadToFtp(const FtpServer& server, const std::string& localPath,
     return -1;
   }
   FtpClient ftp;
-  ftp.SetServerPort(server.port);
+  ftp.SetPort(server.port);
   ftp.SetPassive(server.passive);
   int result =
       ftp.FtpConnect(server.host.c_str(), server.user.c_str(), server.password.c_str(), "");

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ascii_text.h"
 #include "base/decimal_text.h"
 #include "base/limits.h"
 #include "protocol/command_text.h"
@@ -21,45 +22,40 @@ bool Between(int code, int low, int high) {
 
 }  // namespace
 
-FtpClient::FtpClient() : dataPort_(static_cast<int>(MonotonicMs() % 20000) + kFirstDataPort) {}
+FtpClient::FtpClient()
+    : CommandClient(21, 30), dataPort_(static_cast<int>(MonotonicMs() % 20000) + kFirstDataPort) {}
 
 FtpClient::~FtpClient() = default;
 
-std::optional<std::string> FtpClient::CommandLine(const char* format, const char* argument) {
-  if (argument != nullptr && !IsSafeCommandArgument(argument)) return std::nullopt;
-  char command[kMaxLine] = {};
-  int length = std::snprintf(command, sizeof command, format, argument ? argument : "");
-  if (length < 0 || length >= static_cast<int>(sizeof command)) return std::nullopt;
-  return std::string(command, static_cast<size_t>(length));
+std::optional<std::string> FtpClient::CommandLine(std::string_view command,
+                                                  std::string_view argument) {
+  std::string line(command);
+  line += argument;
+  // Cut to fit, a line would lose its line end and run into the next one.
+  if (!IsSafeCommandArgument(argument) || line.size() + 2 >= kMaxLine) return std::nullopt;
+  return line;
 }
 
-int FtpClient::SendLine(const std::string& line) {
-  return Send(line.data(), static_cast<int>(line.size()));
+std::string FtpClient::LastResponse() const {
+  std::string_view line = UpToNul(LastReplyLine());
+  return std::string(line.substr(0, line.find_first_of("\r\n")));
 }
 
 int FtpClient::GetReplyCode() {
-  char line[kMaxLine + 1];
-  auto readLine = [&]() -> bool {
-    int timeout = std::max(GetReceiveTimeOut() / 1000, 1);
-    if (ReceiveLine(line, sizeof line, timeout) < 1) return false;
-    line[std::strcspn(line, "\r\n")] = '\0';
-    lastResponse_ = line;
-    return true;
-  };
-  if (!readLine()) return 0;
-  int code = ReadDecimal(std::string_view(line, std::min<size_t>(3, std::strlen(line))));
-  if (line[0] != '\0' && line[1] != '\0' && line[2] != '\0' && line[3] == '-') {
-    // A multi-line reply ends at a line with the same three digits and a blank.
-    const std::string end = std::string(line, 3) + " ";
-    for (int lines = 1;; ++lines) {
-      // A server that never ends its reply gets no more of our memory or time.
-      if (lines > limits::kMaxReplyLines) return 0;
-      if (!readLine()) break;
-      if (replyLines_.size() < static_cast<size_t>(limits::kMaxReplyLines)) {
-        replyLines_.push_back(lastResponse_);
-      }
-      if (lastResponse_.compare(0, 4, end) == 0) break;
-    }
+  const int timeout = std::max(GetReceiveTimeOut() / 1000, 1);
+  if (ReadReplyLine(kMaxLine + 1, timeout) < 1) return 0;
+  const std::string first = LastResponse();
+  const int code = ReadDecimal(std::string_view(first).substr(0, 3));
+  if (first.size() > 3 && first[3] == '-') {
+    // A multi-line reply ends at a line with the same three digits and a
+    // blank; one whose line does not come keeps the code of its first.
+    const std::string end = first.substr(0, 3) + " ";
+    const ReplyEnd reply = ReadReplyRest(
+        [&end](std::string_view line) {
+          return line.starts_with(end) ? LineRole::kLast : LineRole::kMore;
+        },
+        kMaxLine + 1, timeout, [this](std::string_view) { replyLines_.push_back(LastResponse()); });
+    if (reply == ReplyEnd::kEndless) return 0;
   }
   return code;
 }
@@ -68,11 +64,11 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
                           const char* account) {
   FtpClose();
   replyLines_.clear();
-  std::optional<std::string> userLine = CommandLine("USER %s\r\n", user);
-  std::optional<std::string> passLine = CommandLine("PASS %s\r\n", password);
-  std::optional<std::string> acctLine = CommandLine("ACCT %s\r\n", account);
+  std::optional<std::string> userLine = CommandLine("USER ", user ? user : "");
+  std::optional<std::string> passLine = CommandLine("PASS ", password ? password : "");
+  std::optional<std::string> acctLine = CommandLine("ACCT ", account ? account : "");
   if (!userLine || !passLine || !acctLine) return OnError(kNetInvalidParameter);
-  int result = Connect(serverPort_, host, connectTimeOut_);
+  int result = ConnectToServer(host);
   if (result != kNetOk) return OnError(result);
   connected_ = true;
 
@@ -83,17 +79,17 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
   if (code == 120) code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
   if (!Between(code, 200, 299)) return OnError(kNetConnectFailed);
-  SendLine(*userLine);
+  SendCommand(*userLine);
   code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
   if (!Between(code, 200, 399)) return OnError(kNetUserRejected);
   if (Between(code, 300, 399)) {
-    SendLine(*passLine);
+    SendCommand(*passLine);
     code = GetReplyCode();
     if (code == 0) return OnError(kNetNoResponse);
     if (!Between(code, 200, 399)) return OnError(kNetPassRejected);
     if (Between(code, 300, 399)) {
-      SendLine(*acctLine);
+      SendCommand(*acctLine);
       code = GetReplyCode();
       if (code == 0) return OnError(kNetNoResponse);
       if (!Between(code, 200, 399)) return OnError(kNetAcctRejected);
@@ -107,35 +103,37 @@ int FtpClient::FtpConnect(const char* host, const char* user, const char* passwo
   return OnError(kNetOk);
 }
 
-int FtpClient::SimpleCommand(const char* format, const char* argument) {
-  std::optional<std::string> line = CommandLine(format, argument);
+int FtpClient::SimpleCommand(std::string_view command, std::string_view argument) {
+  std::optional<std::string> line = CommandLine(command, argument);
   if (!line) return OnError(kNetInvalidParameter);
-  SendLine(*line);
+  SendCommand(*line);
   int code = GetReplyCode();
   if (code == 0) return OnError(kNetNoResponse);
   return OnError(Between(code, 200, 299) ? kNetOk : kNetRequestDenied);
 }
 
 int FtpClient::ChangeDir(const char* path) {
-  return SimpleCommand("CWD %s\r\n", path);
+  if (path == nullptr) return OnError(kNetInvalidParameter);
+  return SimpleCommand("CWD ", path);
 }
 
 int FtpClient::MakeDir(const char* path) {
-  return SimpleCommand("MKD %s\r\n", path);
+  if (path == nullptr) return OnError(kNetInvalidParameter);
+  return SimpleCommand("MKD ", path);
 }
 
 int FtpClient::SetTransferType(int kind) {
-  return SimpleCommand(kind == 1 ? "TYPE I\r\n" : "TYPE A\r\n", nullptr);
+  return SimpleCommand(kind == 1 ? "TYPE I" : "TYPE A");
 }
 
 int FtpClient::SetTransferMode(int kind) {
-  static constexpr const char* kModes[] = {"MODE S\r\n", "MODE B\r\n", "MODE C\r\n"};
-  return SimpleCommand(kModes[kind >= 0 && kind <= 2 ? kind : 0], nullptr);
+  static constexpr const char* kModes[] = {"MODE S", "MODE B", "MODE C"};
+  return SimpleCommand(kModes[kind >= 0 && kind <= 2 ? kind : 0]);
 }
 
 int FtpClient::SetTransferStructure(int kind) {
-  static constexpr const char* kStructures[] = {"STRU F\r\n", "STRU R\r\n", "STRU P\r\n"};
-  return SimpleCommand(kStructures[kind >= 0 && kind <= 2 ? kind : 0], nullptr);
+  static constexpr const char* kStructures[] = {"STRU F", "STRU R", "STRU P"};
+  return SimpleCommand(kStructures[kind >= 0 && kind <= 2 ? kind : 0]);
 }
 
 int FtpClient::OpenDataPort() {
@@ -169,29 +167,30 @@ int FtpClient::OfferActiveDataPort() {
   std::string address = GetLocalAddress();
   std::replace(address.begin(), address.end(), '.', ',');
   char command[kMaxLine];
-  std::snprintf(command, sizeof command, "PORT %s,%d,%d\r\n", address.c_str(), dataPort_ / 256,
+  std::snprintf(command, sizeof command, "PORT %s,%d,%d", address.c_str(), dataPort_ / 256,
                 dataPort_ % 256);
-  Send(command, static_cast<int>(std::strlen(command)));
+  SendCommand(command);
   if (++dataPort_ > kLastDataPort || dataPort_ < 0) dataPort_ = kFirstDataPort;
   return Between(GetReplyCode(), 200, 299) ? kNetOk : kNetPortFailed;
 }
 
 int FtpClient::ConnectPassiveDataPort() {
   std::optional<unsigned> port;
-  for (const char* command : {"EPSV\r\n", "PASV\r\n"}) {
-    SendLine(command);
+  for (const char* command : {"EPSV", "PASV"}) {
+    SendCommand(command);
     const int code = GetReplyCode();
     if (code == 0) return kNetNoResponse;
-    port = PassiveDataPort(code, lastResponse_);
+    port = PassiveDataPort(code, LastResponse());
     if (port) break;
   }
   if (!port) return kNetDataPortUnavailable;
-  return dataConnection_.Connect(*port, GetRemoteAddress(), connectTimeOut_);
+  return dataConnection_.Connect(*port, GetRemoteAddress(), GetConnectTimeOut());
 }
 
 int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
-  std::optional<std::string> storLine = CommandLine("STOR %s\r\n", remoteName);
-  if (remoteName == nullptr || !storLine) return OnError(kNetInvalidParameter);
+  if (remoteName == nullptr) return OnError(kNetInvalidParameter);
+  std::optional<std::string> storLine = CommandLine("STOR ", remoteName);
+  if (!storLine) return OnError(kNetInvalidParameter);
   int result = passive_ ? ConnectPassiveDataPort() : OfferActiveDataPort();
   if (result != kNetOk) {
     dataConnection_.CloseConnection();
@@ -201,7 +200,7 @@ int FtpClient::StoreFromDataSource(DataSource& source, const char* remoteName) {
     dataConnection_.CloseConnection();
     return OnError(kNetAborted);
   }
-  SendLine(*storLine);
+  SendCommand(*storLine);
   // Only a mark that the transfer starts lets it start: a 2xx here is not a
   // store (and would leave the final reply unread).
   const int opening = GetReplyCode();
@@ -232,7 +231,8 @@ int FtpClient::SendFile(const char* localPath, const char* remoteName) {
 }
 
 int FtpClient::FtpClose() {
-  if (Socket() != -1) Send("Quit\r\n", 6);
+  // "Quit" in mixed case, as this client has always sent it.
+  if (Socket() != -1) SendCommand("Quit");
   CloseConnection();
   dataConnection_.CloseConnection();
   connected_ = false;

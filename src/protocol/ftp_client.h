@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/net_client.h"
+#include "protocol/command_client.h"
 #include "stream/data_source.h"
 
 namespace corvane {
@@ -16,7 +16,7 @@ namespace corvane {
 // connection's server. Every operation returns a result code (0 success); an
 // argument holding CR, LF or NUL, or too long for a command line, is refused
 // (kNetInvalidParameter) unsent.
-class FtpClient : public CNetClient {
+class FtpClient : public CommandClient {
  public:
   static constexpr int kMaxLine = 261;
   static constexpr int kFirstDataPort = 10000;
@@ -46,23 +46,22 @@ class FtpClient : public CNetClient {
   // none arrived.
   int GetReplyCode();
 
-  void SetServerPort(unsigned port) { serverPort_ = port; }
   // Passive transfers: the client connects to the port the server offers,
   // for servers behind NAT or firewalls. Active (PORT) by default.
   void SetPassive(bool passive) { passive_ = passive; }
   int DataPort() const { return dataPort_; }
   void SetDataPort(int port) { dataPort_ = port; }
-  const std::string& LastResponse() const { return lastResponse_; }
+  // The last reply line, without its line end.
+  std::string LastResponse() const;
   const std::vector<std::string>& ReplyLines() const { return replyLines_; }
 
  private:
-  // The command line of `format` with `argument`, or none when the argument
-  // holds CR, LF or NUL or the line would not fit kMaxLine (cut, it would
-  // lose its CR LF and run into the next command).
-  static std::optional<std::string> CommandLine(const char* format, const char* argument);
-  int SendLine(const std::string& line);
+  // `command` followed by `argument`, or none when the argument holds CR, LF
+  // or NUL or the line would not fit kMaxLine with its line end.
+  static std::optional<std::string> CommandLine(std::string_view command,
+                                                std::string_view argument = {});
   // Sends a command and maps its reply: 38 none, 0 for 200..299, else 10.
-  int SimpleCommand(const char* format, const char* argument);
+  int SimpleCommand(std::string_view command, std::string_view argument = {});
   int OpenDataPort();
   // Listens on a data port and offers it with PORT; kNetOk, or the failure.
   int OfferActiveDataPort();
@@ -76,10 +75,7 @@ class FtpClient : public CNetClient {
   CNetClient dataConnection_;
   bool connected_ = false;
   bool passive_ = false;
-  unsigned serverPort_ = 21;
-  int connectTimeOut_ = 5;
   int dataPort_;
-  std::string lastResponse_;
   std::vector<std::string> replyLines_;
 };
 

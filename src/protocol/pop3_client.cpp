@@ -32,34 +32,13 @@ bool EndsInLineFeed(const char* piece, int length) {
 
 }  // namespace
 
-Pop3Client::Pop3Client() = default;
+Pop3Client::Pop3Client() : CommandClient(110, 10) {}
 
 Pop3Client::~Pop3Client() = default;
 
-int Pop3Client::SetPort(unsigned port) {
-  port_ = port;
-  return 0;
-}
-
-int Pop3Client::SetPOP3TimeOut(int seconds) {
-  if (seconds <= 0) return 1;
-  responseTimeOut_ = seconds;
-  return 0;
-}
-
 bool Pop3Client::ReadReply(int room) {
-  response_[0] = '\0';
-  int length = ReceiveLine(response_, room, responseTimeOut_);
-  if (length < 1) return false;
   // The rest of an overlong status line is not the listing's first line.
-  bool whole = EndsInLineFeed(response_, length);
-  char rest[kResponseSize];
-  while (!whole) {
-    if (IsAborted()) return false;
-    int more = ReceiveLine(rest, sizeof rest, responseTimeOut_);
-    if (more < 1) return false;
-    whole = EndsInLineFeed(rest, more);
-  }
+  if (ReadReplyLine(room) < 1 || !SkipRestOfLine(GetReplyTimeOut())) return false;
   lineStart_ = true;
   return true;
 }
@@ -83,18 +62,14 @@ int Pop3Client::ReadListingPiece(char* buffer, int max, int timeoutSeconds, bool
   return length - 1;
 }
 
-int Pop3Client::SendCommand(const char* command) {
-  return Send(command, static_cast<int>(std::strlen(command)));
-}
-
 int Pop3Client::SocketOnConnected(int socket, const char* host) {
   greetingRead_ = false;
   if (!GetSecurityEnabled()) return 0;
-  if (port_ == 995) return CSecureSocketClient::SocketOnConnected(socket, host);
+  if (GetPort() == 995) return CSecureSocketClient::SocketOnConnected(socket, host);
   // STLS: greeting and upgrade in the clear, then the handshake.
   SetSecurityEnabled(false);
   bool greeted = ReadReply() && ReplyPositive();
-  bool upgraded = greeted && SendCommand("STLS\r\n") > 0 && ReadReply() && ReplyPositive();
+  bool upgraded = greeted && SendCommand("STLS") && ReadReply() && ReplyPositive();
   SetSecurityEnabled(true);
   if (!greeted) return kNetConnectFailed;
   if (!upgraded) return kNetPop3NoTls;
@@ -108,24 +83,20 @@ int Pop3Client::POP3Connect(const char* host, const char* user, const char* pass
   if (!IsSafeCommandArgument(user) || !IsSafeCommandArgument(password)) {
     return OnError(kNetInvalidParameter);
   }
-  int result = Connect(port_, host, connectTimeOut_, 2, 1);
+  int result = ConnectToServer(host);
   if (result != 0) return OnError(result);
   // After STLS the greeting has been read already.
   if (!greetingRead_ && (!ReadReply() || !ReplyPositive())) return OnError(kNetConnectTimeout);
-  Send("USER ");
-  Send(user);
-  Send("\r\n");
+  SendCommand(std::string("USER ") + user);
   if (!ReadReply() || !ReplyPositive()) return OnError(kNetUserFailed);
   if (IsAborted()) return OnError(kAborted);
-  Send("PASS ");
-  Send(password);
-  Send("\r\n");
+  SendCommand(std::string("PASS ") + password);
   return OnError(ReadReply() && ReplyPositive() ? 0 : kNetPassFailed);
 }
 
 int Pop3Client::POP3Close() {
   if (IsConnected()) {
-    SendCommand("QUIT\r\n");
+    SendCommand("QUIT");
     // No answer to QUIT: the socket is left as it is.
     if (!ReadReply()) return OnError(kNoResponse);
   }
@@ -140,9 +111,9 @@ int Pop3Client::Command(const char* text, int negativeCode) {
 }
 
 int Pop3Client::GetNumMsgs(int* count) {
-  int result = Command("STAT\r\n", kNetStatFailed);
+  int result = Command("STAT", kNetStatFailed);
   if (result == 0) {
-    std::string field = ReplyField(response_, " ", 1);
+    std::string field = ReplyField(LastReplyLine(), " ", 1);
     if (field.empty()) {
       result = kNetInvalidResponse;
     } else {
@@ -155,10 +126,10 @@ int Pop3Client::GetNumMsgs(int* count) {
 
 int Pop3Client::GetMsgSize(int number, long* size) {
   char command[32];
-  std::snprintf(command, sizeof command, "LIST %d\r\n", number);
+  std::snprintf(command, sizeof command, "LIST %d", number);
   int result = Command(command, kNetListFailed);
   if (result == 0) {
-    std::string field = ReplyField(response_, " ()", 2);
+    std::string field = ReplyField(LastReplyLine(), " ()", 2);
     if (field.empty()) {
       result = kNetInvalidResponse;
     } else if (size != nullptr) {
@@ -172,7 +143,7 @@ int Pop3Client::RetrieveToDataSource(int number, DataSource& dest) {
   if (!IsConnected()) return OnError(kNoConnection);
   if (dest.Open(DataSource::kOpenWrite) != 0) return OnError(kNetFileOpenFailed);
   char command[32];
-  std::snprintf(command, sizeof command, "RETR %d\r\n", number);
+  std::snprintf(command, sizeof command, "RETR %d", number);
   SendCommand(command);
   if (!ReadReply(kResponseSize)) {
     dest.Close();
@@ -188,7 +159,7 @@ int Pop3Client::RetrieveToDataSource(int number, DataSource& dest) {
   int result = kAborted;
   while (!IsAborted()) {
     bool ended = false;
-    int length = ReadListingPiece(line, sizeof line, responseTimeOut_, ended);
+    int length = ReadListingPiece(line, sizeof line, GetReplyTimeOut(), ended);
     if (ended) {
       result = kNetOk;
       break;
@@ -218,7 +189,7 @@ int Pop3Client::RetrieveToFile(int number, const char* fileName) {
 
 int Pop3Client::OpenMsg(int number) {
   char command[32];
-  std::snprintf(command, sizeof command, "RETR %d\r\n", number);
+  std::snprintf(command, sizeof command, "RETR %d", number);
   int result = Command(command, kNetRetrFailed);
   if (result == 0) {
     messageOpen_ = true;
@@ -245,7 +216,7 @@ int Pop3Client::CloseOpen(bool& open, bool& done) {
       result = kAborted;
       break;
     }
-    int length = ReadListingPiece(line, sizeof line, responseTimeOut_, done);
+    int length = ReadListingPiece(line, sizeof line, GetReplyTimeOut(), done);
     if (length < 1) break;
   }
   open = done = false;
@@ -262,7 +233,7 @@ int Pop3Client::CloseMsg() {
 
 int Pop3Client::OpenTop(int number, int lines) {
   char command[48];
-  std::snprintf(command, sizeof command, "TOP %d %d\r\n", number, lines);
+  std::snprintf(command, sizeof command, "TOP %d %d", number, lines);
   int result = Command(command, kNetTopFailed);
   if (result == 0) {
     topOpen_ = true;
@@ -284,16 +255,16 @@ int Pop3Client::GetUIDL(int number) {
   uidIndex_.clear();
   char command[32];
   if (number < 1) {
-    std::snprintf(command, sizeof command, "UIDL\r\n");
+    std::snprintf(command, sizeof command, "UIDL");
   } else {
-    std::snprintf(command, sizeof command, "UIDL %d\r\n", number);
+    std::snprintf(command, sizeof command, "UIDL %d", number);
   }
   int result = Command(command, kNetUidlFailed);
   if (result != 0) return OnError(result);
 
   constexpr const char* kSeparators = " \r\n";
   if (number >= 1) {
-    std::string uid = ReplyField(response_, kSeparators, 2);
+    std::string uid = ReplyField(LastReplyLine(), kSeparators, 2);
     if (uid.empty()) return OnError(kNetInvalidResponse);
     uid.resize(std::min<size_t>(uid.size(), kMaxUidLength));
     AddUid(number, std::move(uid));
@@ -304,7 +275,7 @@ int Pop3Client::GetUIDL(int number) {
     if (IsAborted()) return OnError(kAborted);
     const bool starts = lineStart_;
     bool ended = false;
-    int length = ReadListingPiece(line, sizeof line, responseTimeOut_, ended);
+    int length = ReadListingPiece(line, sizeof line, GetReplyTimeOut(), ended);
     if (ended) return OnError(kNetOk);
     if (length < 1) return OnError(kNetTimeout);
     if (!starts) continue;  // the rest of an overlong line
@@ -331,12 +302,12 @@ const char* Pop3Client::GetUID(int number) const {
 
 int Pop3Client::DeleteMsg(int number) {
   char command[32];
-  std::snprintf(command, sizeof command, "DELE %d\r\n", number);
+  std::snprintf(command, sizeof command, "DELE %d", number);
   return OnError(Command(command, kNetDeleFailed));
 }
 
 int Pop3Client::ResetDelete() {
-  return OnError(Command("RSET\r\n", kNetRsetFailed));
+  return OnError(Command("RSET", kNetRsetFailed));
 }
 
 bool Pop3Client::RetrieveStatus(long) {

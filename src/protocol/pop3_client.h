@@ -5,7 +5,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "protocol/net_client.h"
+#include "protocol/command_client.h"
 #include "stream/data_source.h"
 
 namespace corvane {
@@ -13,7 +13,7 @@ namespace corvane {
 // Reads a POP3 mailbox: USER/PASS login, STAT, LIST n, UIDL, RETR into a data
 // source or line by line, TOP, DELE, RSET and QUIT, over plain TCP, implicit
 // TLS (port 995) or STLS. Every operation returns a result code (0 success).
-class Pop3Client : public CNetClient {
+class Pop3Client : public CommandClient {
  public:
   static constexpr int kMaxUidLength = 69;
   static constexpr int kResponseSize = 1024;
@@ -51,13 +51,11 @@ class Pop3Client : public CNetClient {
   // STLS on a plain port, the layer's own handshake on 995.
   int SocketOnConnected(int socket, const char* host) override;
 
-  int SetPort(unsigned port);
-  unsigned GetPort() const { return port_; }
   // Stores `seconds` when above 0 (returns 0); otherwise returns 1.
-  int SetPOP3TimeOut(int seconds);
-  int GetPOP3TimeOut() const { return responseTimeOut_; }
+  int SetPOP3TimeOut(int seconds) { return SetReplyTimeOut(seconds); }
+  int GetPOP3TimeOut() const { return GetReplyTimeOut(); }
   // The last reply line, "\r\n" included.
-  const char* LastResponse() const { return response_; }
+  const char* LastResponse() const { return LastReplyLine().c_str(); }
 
   struct UidEntry {
     int number;
@@ -67,8 +65,7 @@ class Pop3Client : public CNetClient {
 
  private:
   bool ReadReply(int room = kResponseSize);
-  bool ReplyPositive() const { return response_[0] == '+'; }
-  int SendCommand(const char* command);
+  bool ReplyPositive() const { return LastReplyLine().starts_with('+'); }
   // Sends a command and reads its reply: 6 not connected, 12 no reply,
   // `negativeCode` for a negative reply, else 0.
   int Command(const char* text, int negativeCode);
@@ -82,10 +79,6 @@ class Pop3Client : public CNetClient {
   int CloseOpen(bool& open, bool& done);
   void AddUid(int number, std::string uid);
 
-  unsigned port_ = 110;
-  int responseTimeOut_ = 10;
-  int connectTimeOut_ = 5;
-  char response_[kResponseSize] = {};
   bool messageOpen_ = false, messageDone_ = false;
   bool topOpen_ = false, topDone_ = false;
   std::vector<UidEntry> uids_;

@@ -22,7 +22,7 @@ bool IsSuccess(int code) {
   return code >= 200 && code <= 299;
 }
 
-int CodeOf(const char* line) {
+int CodeOf(std::string_view line) {
   return ReadDecimal(ReplyField(line, " \r\n", 0));
 }
 
@@ -55,7 +55,7 @@ std::optional<std::string> BareAddress(std::string_view text, size_t room) {
 
 }  // namespace
 
-SmtpClient::SmtpClient() = default;
+SmtpClient::SmtpClient() : CommandClient(25, 10) {}
 
 SmtpClient::~SmtpClient() {
   Forget(password_);
@@ -65,11 +65,6 @@ SmtpClient::~SmtpClient() {
 void SmtpClient::Forget(std::string& secret) {
   if (!secret.empty()) OPENSSL_cleanse(secret.data(), secret.size());
   secret.clear();
-}
-
-int SmtpClient::SetPort(unsigned port) {
-  port_ = port;
-  return 0;
 }
 
 void SmtpClient::SetUserName(const char* user) {
@@ -84,30 +79,18 @@ void SmtpClient::SetPassword(const char* password) {
   password_ = password;
 }
 
-int SmtpClient::ReadLine(int room, int timeoutSeconds) {
-  line_[0] = '\0';
-  return ReceiveLine(line_, std::min<int>(room, sizeof line_), timeoutSeconds);
-}
-
-bool SmtpClient::SendCommand(std::string_view command) {
-  // An argument from outside (an address, a name) holding CR, LF or NUL would
-  // end the line early, the rest reaching the server as a command of its own:
-  // such a command is refused unsent, and fails as a refused command does.
-  if (!IsSafeCommandArgument(command)) return false;
-  std::string line(command);
-  line += "\r\n";
-  bool sent = Send(line.data(), static_cast<int>(line.size())) == static_cast<int>(line.size());
-  Forget(line);  // it may carry a password
-  return sent;
-}
-
 int SmtpClient::GetResponseCode(int timeoutSeconds) {
-  if (ReadLine(kLineRoom, timeoutSeconds) < 3) return 0;
-  for (int lines = 1; line_[3] == '-'; ++lines) {
-    // A server that never ends its reply gets no more of our time: no reply.
-    if (lines >= limits::kMaxReplyLines || ReadLine(kLineRoom, timeoutSeconds) < 3) return 0;
+  if (ReadReplyLine(kLineRoom, timeoutSeconds) < 3) return 0;
+  // "NNN-" goes on, any other line of three bytes or more ends the reply.
+  if (LastReplyLine()[3] == '-' && ReadReplyRest(
+                                       [](std::string_view line) {
+                                         if (line.size() < 3) return LineRole::kBroken;
+                                         return line[3] == '-' ? LineRole::kMore : LineRole::kLast;
+                                       },
+                                       kLineRoom, timeoutSeconds) != ReplyEnd::kComplete) {
+    return 0;
   }
-  return ReadDecimal(ReplyField(line_, " ", 0));
+  return ReadDecimal(ReplyField(LastReplyLine(), " ", 0));
 }
 
 int SmtpClient::SMTPConnect(const char* host, const char* localName) {
@@ -117,9 +100,9 @@ int SmtpClient::SMTPConnect(const char* host, const char* localName) {
   // Implicit TLS shakes hands as soon as the connection is up. A failed
   // handshake fails the send: there is no second try in the clear.
   SetSecurityEnabled(tls_ == SmtpTls::kImplicit);
-  int result = Connect(port_, host, connectTimeOut_, 2, 1);
+  int result = ConnectToServer(host);
   if (IsAborted()) result = kNetAborted;
-  if (result == kNetOk && !IsSuccess(GetResponseCode(responseTimeOut_))) {
+  if (result == kNetOk && !IsSuccess(GetResponseCode(GetReplyTimeOut()))) {
     result = kNetConnectTimeout;
   }
   if (result == kNetOk) result = Greet(host, localName);
@@ -130,11 +113,11 @@ int SmtpClient::SMTPConnect(const char* host, const char* localName) {
 }
 
 int SmtpClient::Greet(const char* host, const char* localName) {
-  if (!SendCommand(std::string("EHLO ") + localName) || ReadLine(kLineRoom, responseTimeOut_) < 3) {
+  if (!SendCommand(std::string("EHLO ") + localName) || ReadReplyLine(kLineRoom) < 3) {
     return kNetHelloFailed;
   }
-  const bool success = IsSuccess(CodeOf(line_));
-  if (line_[3] == '-') {
+  const bool success = IsSuccess(CodeOf(LastReplyLine()));
+  if (LastReplyLine()[3] == '-') {
     if (!success) return kNetHelloFailed;
     int result = ParseExtensions();
     if (result != kNetOk) return result;
@@ -143,7 +126,7 @@ int SmtpClient::Greet(const char* host, const char* localName) {
     // secured ends here.
     if (tls_ == SmtpTls::kRequired) return kNetSmtpNoStartTls;
     return SendCommand(std::string("HELO ") + localName) &&
-                   IsSuccess(GetResponseCode(responseTimeOut_))
+                   IsSuccess(GetResponseCode(GetReplyTimeOut()))
                ? kNetOk
                : kNetHelloFailed;
   }
@@ -155,7 +138,7 @@ int SmtpClient::Greet(const char* host, const char* localName) {
 int SmtpClient::StartTls(const char* host, const char* localName) {
   // A refused upgrade, like a failed handshake, fails the send: nothing
   // (least of all a password) goes on in the clear once TLS was offered.
-  if (!SendCommand("STARTTLS") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
+  if (!SendCommand("STARTTLS") || !IsSuccess(GetResponseCode(GetReplyTimeOut()))) {
     return kNetHelloFailed;
   }
   SetSecurityEnabled(true);
@@ -165,8 +148,8 @@ int SmtpClient::StartTls(const char* host, const char* localName) {
   // extensions are asked for again inside TLS, and only those count.
   authMethods_.clear();
   startTlsOffered_ = false;
-  if (!SendCommand(std::string("EHLO ") + localName) || ReadLine(kLineRoom, responseTimeOut_) < 3 ||
-      !IsSuccess(CodeOf(line_))) {
+  if (!SendCommand(std::string("EHLO ") + localName) || ReadReplyLine(kLineRoom) < 3 ||
+      !IsSuccess(CodeOf(LastReplyLine()))) {
     return kNetHelloFailed;
   }
   return ParseExtensions();
@@ -174,13 +157,13 @@ int SmtpClient::StartTls(const char* host, const char* localName) {
 
 int SmtpClient::ParseExtensions() {
   for (int lines = 1;; ++lines) {
-    if (ReplyField(line_, "- ", 0) != "250") return kNetHelloFailed;
-    std::string name = ReplyField(line_, "- \r\n", 1);
+    if (ReplyField(LastReplyLine(), "- ", 0) != "250") return kNetHelloFailed;
+    std::string name = ReplyField(LastReplyLine(), "- \r\n", 1);
     if (name == "STARTTLS") {
       startTlsOffered_ = true;
     } else if (name == "AUTH") {
       for (int i = 1;; ++i) {
-        std::string method = ReplyField(line_, " \r\n", i);
+        std::string method = ReplyField(LastReplyLine(), " \r\n", i);
         if (method.empty()) break;
         authMethods_.push_back(std::move(method));
       }
@@ -188,7 +171,7 @@ int SmtpClient::ParseExtensions() {
     // The reply ends where the socket runs dry, not at its "250 " line.
     if (!IsDataWaiting()) return kNetOk;
     if (lines >= limits::kMaxReplyLines) return kNetHelloFailed;  // an endless list
-    if (ReadLine(kLineRoom, responseTimeOut_) < 1) return kNetHelloFailed;
+    if (ReadReplyLine(kLineRoom) < 1) return kNetHelloFailed;
   }
 }
 
@@ -209,33 +192,33 @@ int SmtpClient::Authenticate() {
 int SmtpClient::AuthCramMD5() {
   if (userName_.empty()) return OnError(kNetInvalidUser);
   if (password_.empty()) return OnError(kNetInvalidPassword);
-  if (!SendCommand("AUTH CRAM-MD5") || ReadLine(kAuthLineRoom, responseTimeOut_) < 3) {
+  if (!SendCommand("AUTH CRAM-MD5") || ReadReplyLine(kAuthLineRoom) < 3) {
     return OnError(kNetInvalidResponse);
   }
-  int code = CodeOf(line_);
+  int code = CodeOf(LastReplyLine());
   if (code == 504) return OnError(kNetNotSupported);
   if (code != 334) return OnError(kNetLoginFailed);
-  std::string challenge = ReplyField(line_, " \r\n", 1).substr(0, kAuthLineRoom - 1);
+  std::string challenge = ReplyField(LastReplyLine(), " \r\n", 1).substr(0, kAuthLineRoom - 1);
   std::optional<std::string> answer = CramMd5Answer(userName_, password_, challenge);
   if (!answer) return OnError(kNetFailed);
   bool sent = SendCommand(*answer);
   Forget(*answer);
-  return OnError(sent && GetResponseCode(responseTimeOut_) == 235 ? kNetOk : kNetLoginFailed);
+  return OnError(sent && GetResponseCode(GetReplyTimeOut()) == 235 ? kNetOk : kNetLoginFailed);
 }
 
 int SmtpClient::AuthLogin() {
   if (userName_.empty()) return OnError(kNetInvalidUser);
   if (password_.empty()) return OnError(kNetInvalidPassword);
-  int code = SendCommand("AUTH LOGIN") ? GetResponseCode(responseTimeOut_) : 0;
+  int code = SendCommand("AUTH LOGIN") ? GetResponseCode(GetReplyTimeOut()) : 0;
   if (code == 504) return OnError(kNetNotSupported);
   if (code != 334) return OnError(kNetLoginFailed);
-  if (!SendCommand(Base64Encode(userName_)) || GetResponseCode(responseTimeOut_) != 334) {
+  if (!SendCommand(Base64Encode(userName_)) || GetResponseCode(GetReplyTimeOut()) != 334) {
     return OnError(kNetInvalidUser);
   }
   std::string password = Base64Encode(password_);
   bool sent = SendCommand(password);
   Forget(password);
-  return OnError(sent && GetResponseCode(responseTimeOut_) == 235 ? kNetOk : kNetInvalidPassword);
+  return OnError(sent && GetResponseCode(GetReplyTimeOut()) == 235 ? kNetOk : kNetInvalidPassword);
 }
 
 int SmtpClient::SMTPClose() {
@@ -253,13 +236,13 @@ int SmtpClient::StartData(std::string_view from, std::string_view recipient) {
   std::optional<std::string> to = BareAddress(recipient, kLineRoom - 1);
   if (!sender || !to) return OnError(kNetBadAddress);
   if (!SendCommand("MAIL FROM:<" + *sender + ">") ||
-      !IsSuccess(GetResponseCode(responseTimeOut_))) {
+      !IsSuccess(GetResponseCode(GetReplyTimeOut()))) {
     return OnError(kNetNoServerResponse);
   }
-  if (!SendCommand("RCPT TO:<" + *to + ">") || !IsSuccess(GetResponseCode(responseTimeOut_))) {
+  if (!SendCommand("RCPT TO:<" + *to + ">") || !IsSuccess(GetResponseCode(GetReplyTimeOut()))) {
     return OnError(kNetRcptFailed);
   }
-  if (!SendCommand("DATA") || GetResponseCode(responseTimeOut_) != 354) {
+  if (!SendCommand("DATA") || GetResponseCode(GetReplyTimeOut()) != 354) {
     return OnError(kNetDataFailed);
   }
   return OnError(kNetOk);
@@ -268,7 +251,7 @@ int SmtpClient::StartData(std::string_view from, std::string_view recipient) {
 int SmtpClient::EndData() {
   constexpr std::string_view kEnd = "\r\n.\r\n";
   Send(kEnd.data(), static_cast<int>(kEnd.size()));
-  return OnError(IsSuccess(GetResponseCode(responseTimeOut_)) ? kNetOk : kNetNoServerResponse);
+  return OnError(IsSuccess(GetResponseCode(GetReplyTimeOut())) ? kNetOk : kNetNoServerResponse);
 }
 
 int SmtpClient::GetAddress(const char* text, char* buffer, int size) {

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "protocol/net_client.h"
+#include "protocol/command_client.h"
 
 namespace corvane {
 
@@ -22,7 +22,7 @@ enum class SmtpTls {
 // AUTH CRAM-MD5 or LOGIN, and the envelope and end of each transaction
 // (what goes into the data, and to whom, is mail/message_submission's).
 // Every operation returns a result code (0 success, net_codes.h).
-class SmtpClient : public CNetClient {
+class SmtpClient : public CommandClient {
  public:
   static constexpr int kLineRoom = 261;
   static constexpr int kAuthLineRoom = 500;
@@ -48,8 +48,6 @@ class SmtpClient : public CNetClient {
   // The final "." line: 0 when the server took the message, else 12.
   int EndData();
 
-  int SetPort(unsigned port);
-  unsigned GetPort() const { return port_; }
   // Null or empty keeps the value already set.
   void SetUserName(const char* user);
   void SetPassword(const char* password);
@@ -75,29 +73,20 @@ class SmtpClient : public CNetClient {
   const std::vector<std::string>& AuthMethods() const { return authMethods_; }
   bool StartTlsOffered() const { return startTlsOffered_; }
   // The last reply line read, "\r\n" included.
-  const char* LastResponse() const { return line_; }
+  const char* LastResponse() const { return LastReplyLine().c_str(); }
 
  private:
-  // Reads one line into the line buffer; its length.
-  int ReadLine(int room, int timeoutSeconds);
-  // Sends `command` and "\r\n"; false when it was not sent whole, or not at
-  // all because it holds CR, LF or NUL.
-  bool SendCommand(std::string_view command);
   // EHLO (and HELO or STARTTLS with its re-EHLO) after the greeting.
   int Greet(const char* host, const char* localName);
   int StartTls(const char* host, const char* localName);
   void Forget(std::string& secret);
 
-  unsigned port_ = 25;
-  int connectTimeOut_ = 5;
-  int responseTimeOut_ = 10;
   bool startTlsOffered_ = false;
   bool useAuthentication_ = false;
   SmtpTls tls_ = SmtpTls::kOff;
   std::string password_;
   std::string userName_;
   std::vector<std::string> authMethods_;
-  char line_[kAuthLineRoom + 1] = {};
 };
 
 }  // namespace corvane

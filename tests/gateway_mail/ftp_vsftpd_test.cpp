@@ -31,7 +31,7 @@ TEST(FtpVsftpdTest, EveryByteArrivesAfterEitherGreetingActiveOrPassive) {
       const std::string stored = ftp.Get("FTP_ROOT") + "/" + ftp.Get("UPLOAD_DIR") + "/" + name;
       std::filesystem::remove(stored);
       FtpClient client;
-      client.SetServerPort(ftp.Port(portKey));
+      client.SetPort(ftp.Port(portKey));
       client.SetPassive(passive);
       ASSERT_EQ(client.FtpConnect("127.0.0.1", ftp.Get("FTP_USER").c_str(),
                                   ftp.Get("FTP_PASS").c_str(), ""),
@@ -47,7 +47,7 @@ TEST(FtpVsftpdTest, EveryByteArrivesAfterEitherGreetingActiveOrPassive) {
   }
 
   FtpClient wrong;
-  wrong.SetServerPort(ftp.Port("FTP_BANNER_PORT"));
+  wrong.SetPort(ftp.Port("FTP_BANNER_PORT"));
   EXPECT_EQ(wrong.FtpConnect("127.0.0.1", ftp.Get("FTP_USER").c_str(), "not-the-password", ""), 63);
   EXPECT_EQ(wrong.LastResponse().substr(0, 4), "530 ");
 }

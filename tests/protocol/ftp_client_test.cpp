@@ -33,7 +33,7 @@ std::vector<Step> LoggedIn() {
 }
 
 int Connect(FtpClient& client, ScriptedPeer& peer) {
-  client.SetServerPort(peer.port());
+  client.SetPort(peer.port());
   client.SetReceiveTimeOut(2000);
   return client.FtpConnect("127.0.0.1", "up", "secret", "acct");
 }
@@ -363,7 +363,7 @@ TEST(FtpCommandTextTest, ArgumentsThatWouldNotStayOneLineAreRefusedUnsent) {
     SCOPED_TRACE(testing::PrintToString(value));
     // A refused login does not even connect (to a port nobody listens on).
     FtpClient refused;
-    refused.SetServerPort(closedPort);
+    refused.SetPort(closedPort);
     EXPECT_EQ(refused.FtpConnect("127.0.0.1", value.c_str(), "pw", ""), 106);
     EXPECT_EQ(refused.FtpConnect("127.0.0.1", "up", value.c_str(), ""), 106);
 
