@@ -114,6 +114,8 @@ std::string CommandDispatcher::Dispatch(std::string_view bytes) const {
   RequestFields request(bytes.data(), bytes.size());
   std::optional<std::string> command = request.Request("Command");
   const char* commandText = command ? command->c_str() : "(null)";
+  // "Proccess" (and "Unknow" below) are the log's and the clients' own
+  // spellings, kept on purpose.
   WriteLog(kLogDebug, "[Corvane] Proccess command: %s ------------------------------\n",
            commandText);
 

@@ -45,6 +45,7 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
     account->mobile = *mobile;
     account->polling = pollingFlag;
     if (!registry.Add(std::move(account))) {
+      // "is already exist", "is not exist": the clients' texts, spelling kept.
       WriteFailure(answer, "Account is already exist");
       WriteLog(kLogInfo, "Account %s is already exist\n", key.c_str());
       return;

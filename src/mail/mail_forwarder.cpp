@@ -27,6 +27,7 @@ void MailForwarder::Send(wxEntryLog& answer) {
   // fails, as one whose attachment cannot be read does; it is not sent short.
   if (lostAttachment_) {
     WriteFailure(answer, "Send mail error");
+    // Worded like SendMail's failure line, "ocurr" included.
     WriteLog(kLogError, "Send mail ocurr error: attachment %s could not be saved\n",
              lostAttachment_->c_str());
     return;

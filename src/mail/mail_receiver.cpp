@@ -145,6 +145,7 @@ int MailReceiver::FetchFromServer(const std::string& cachedPath) {
   result = client_.RetrieveToFile(number, partPath.c_str());
   if (result != 0) {
     WriteLog(kLogDebug, "POP3 TimeOut is: %d\n", client_.GetPOP3TimeOut());
+    // "Retreive": the log text's own spelling, kept on purpose.
     WriteLog(kLogError, "Retreive mail data fail: %s\n", CNetError::GetErrorString(result));
     std::remove(partPath.c_str());
     return result;

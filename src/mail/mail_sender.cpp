@@ -4,7 +4,6 @@
 #include "base/process_log.h"
 #include "base/service_settings.h"
 #include "mail/message_submission.h"
-#include "mail/message_submission.h"
 #include "mail/text_helpers.h"
 #include "mime/encoded_words.h"
 #include "protocol/net_error.h"
@@ -127,6 +126,7 @@ void MailSender::Send(wxEntryLog& answer) {
     WriteLog(kLogDebug, "Send mail success\n");
   } else {
     WriteFailure(answer, "Send mail error");
+    // "ocurr": the log text's own spelling, kept on purpose.
     WriteLog(kLogError, "Send mail ocurr error: %s\n", CNetError::GetErrorString(result));
   }
   client_.SMTPClose();

@@ -3,9 +3,10 @@
 namespace corvane {
 namespace {
 
-// The texts travel to clients and logs as they stand, spelling included; 61 and
-// 73 share a text, and 76 (write) and 77 (read) are crossed against their
-// neighbours on purpose.
+// The texts travel to clients and logs as they stand, spelling included (24's
+// double blank, 67 "exsist", 97 "non-existant", 107 "temorary", 118 and 119
+// "alredy", 125 "Faile"); 61 and 73 share a text, and 76 (write) and 77
+// (read) are crossed against their neighbours on purpose.
 constexpr const char* kMessages[CNetError::kCodeCount] = {
     /*   0 */ "Operation completed successfully.",
     /*   1 */ "Operation failed.",

@@ -43,12 +43,12 @@ void LogStartupIntent(int argc, char** argv) {
   if (SameText(argument, "-i")) {
     WriteLog(kLogInfo, "Install Corvane as service\n");
   } else if (SameText(argument, "-u")) {
-    WriteLog(kLogInfo, "unnstall Corvane from service\n");
+    WriteLog(kLogInfo, "unnstall Corvane from service\n");  // spelling kept on purpose
   } else if (SameText(argument, "-v")) {
     WriteLog(kLogInfo, "Show the version\n");
   } else {
     // The banner ends in GB2312 text: "waiting to receive requests" and a
-    // full-width colon.
+    // full-width colon. "Corvaine" is this banner's own spelling, kept.
     WriteLog(kLogInfo,
              "Corvaine starting on port %d... "
              "\xB5\xC8\xB4\xFD\xBD\xD3\xCA\xD5\xC7\xEB\xC7\xF3\xA3\xBA\n",

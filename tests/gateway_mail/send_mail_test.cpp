@@ -245,6 +245,8 @@ TEST_F(SendMailTest, AuthenticationAndServerFailures) {
       Ask("--req Command=SendMail " + SmtpAccount() +
           " --param To=inboxuser@localhost --mparam Attachments=" + "/nonexistent/corvane.bin");
   EXPECT_EQ(unreadable["Log"], "Send mail error");
+  // The log line keeps its own spelling.
+  EXPECT_NE(gateway_.LogText().find("[Error] Send mail ocurr error: "), std::string::npos);
 }
 
 TEST_F(SendMailTest, ReplyQuotesTheOriginalAndGoesToItsSender) {
