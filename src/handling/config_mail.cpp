@@ -1,9 +1,8 @@
 #include "handling/config_mail.h"
 
-#include <strings.h>
-
 #include <functional>
 
+#include "base/ascii_text.h"
 #include "base/decimal_text.h"
 #include "base/process_log.h"
 #include "transport/response_entries.h"
@@ -36,7 +35,7 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
   // Undoes the change in memory when the profile cannot be saved: a client
   // told "fail" must find nothing changed, now or after a restart.
   std::function<void()> undo;
-  if (strcasecmp(action->c_str(), "append") == 0) {
+  if (SameText(*action, "append")) {
     auto account = std::make_shared<Account>();
     account->login = *login;
     account->pop3Host = *pop3;
@@ -51,20 +50,20 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
       return;
     }
     undo = [&registry, key] { registry.Remove(key); };
-  } else if (strcasecmp(action->c_str(), "update") == 0) {
+  } else if (SameText(*action, "update")) {
     auto account = registry.Find(key);
     if (!account) {
       WriteFailure(answer, "Account is not exist");
       return;
     }
-    auto change = [&registry, account](std::string password, int32_t port, std::string mobile,
-                                       int32_t polling) {
+    auto change = [&registry, account](std::string newPassword, int32_t newPort,
+                                       std::string newMobile, int32_t newPolling) {
       {
         std::lock_guard guard(account->lock);
-        account->password = std::move(password);
-        account->port = port;
-        account->mobile = std::move(mobile);
-        account->polling = polling;
+        account->password = std::move(newPassword);
+        account->port = newPort;
+        account->mobile = std::move(newMobile);
+        account->polling = newPolling;
       }
       registry.PlaceCache(*account);
     };
@@ -76,7 +75,7 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
       };
     }
     change(*password, portNumber, *mobile, pollingFlag);
-  } else if (strcasecmp(action->c_str(), "delete") == 0) {
+  } else if (SameText(*action, "delete")) {
     auto account = registry.Find(key);
     if (!account || !registry.Remove(key)) {
       WriteFailure(answer, "Account is not exist");

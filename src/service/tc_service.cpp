@@ -243,6 +243,8 @@ void TCService::ServiceMain() {
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // Set before the handler thread starts: a stop may come at once.
+  statusHandle_ = static_cast<unsigned long>(getpid());
   std::atomic<bool> stopHandled{false}, wakeOnly{false};
   std::thread controller;
   try {
@@ -256,7 +258,6 @@ void TCService::ServiceMain() {
     ReportEvent(kEventHandlerFailed);
     return;
   }
-  statusHandle_ = static_cast<unsigned long>(getpid());
 
   if (Initialize()) {
     isRunning_ = true;
