@@ -13,40 +13,17 @@
 #include "stream/buffer_data_source.h"
 #include "stream/file_data_source.h"
 #include "stream/mapped_file_data_source.h"
+#include "support/scoped_env.h"
+#include "support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
 
-// A fresh directory under $TMPDIR (default /tmp), removed with its content.
-class TempDir {
- public:
-  TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/corvane-ds-XXXXXX";
-    if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    if (!path_.empty()) fs::remove_all(path_, ignored);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string ReadFileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteFileBytes(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
+using test::ReadFile;
+using test::TempDir;
+using test::WriteFile;
 
 // Every piece ReadLine gives until it reports the end.
 std::vector<std::string> ReadLines(DataSource& source, int max) {
@@ -85,79 +62,60 @@ class FileDataSourceTest : public testing::Test {
   TempDir dir_;
 };
 
-TEST_F(FileDataSourceTest, LinesKeepTheirCrLfAndALastLineWithoutOneComesBare) {
-  std::string path = PathOf("lines.txt");
-  WriteFileBytes(path, "first\r\nsecond\r\n\r\nlast");
-  FileDataSource source(path);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-
-  EXPECT_EQ(ReadLines(source, 1024),
-            (std::vector<std::string>{"first\r\n", "second\r\n", "\r\n", "last"}));
-  char buffer[16] = "stale";
-  EXPECT_EQ(source.ReadLine(buffer, sizeof buffer), 0);
-  EXPECT_STREQ(buffer, "");
-  EXPECT_EQ(source.ReadLine(nullptr, 16), -1);
-  EXPECT_EQ(source.Close(), 0);
-}
-
-TEST_F(FileDataSourceTest, LineTooLongForMaxComesInPiecesOfMaxMinusOne) {
-  std::string path = PathOf("long.txt");
-  WriteFileBytes(path, "abcdefghijklmnopqrst\r\nnext\r\n");
-  FileDataSource source(path);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-
-  EXPECT_EQ(ReadLines(source, 10),
-            (std::vector<std::string>{"abcdefghi", "jklmnopqr", "st\r\n", "next\r\n"}));
-}
-
-TEST_F(FileDataSourceTest, LineMustBeShorterThanMaxMinusThreeToBeTakenWhole) {
-  // With max 10: 6 characters (max - 4) come whole with "\r\n"; 7 (max - 3)
-  // are cut at max - 1 bytes, which still happens to hold the whole line; 8
-  // (max - 2) are cut between "\r" and "\n", and the "\n" leads the next line.
-  std::string path = PathOf("boundary.txt");
-  WriteFileBytes(path, "123456\r\n1234567\r\n12345678\r\nz\r\n");
-  FileDataSource source(path);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-
-  EXPECT_EQ(ReadLines(source, 10),
-            (std::vector<std::string>{"123456\r\n", "1234567\r\n", "12345678\r", "\nz\r\n"}));
-}
-
-TEST_F(FileDataSourceTest, TwoThousandByteLineThroughMax1024) {
-  std::string line = Pattern(2000);
-  std::string path = PathOf("reply.txt");
-  WriteFileBytes(path, line + "\r\ntail\r\n");
-  FileDataSource source(path, 4096);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-
-  std::vector<std::string> lines = ReadLines(source, 1024);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], line.substr(0, 1023));
-  EXPECT_EQ(lines[1], line.substr(1023) + "\r\n");
-  EXPECT_EQ(lines[2], "tail\r\n");
-}
-
-TEST_F(FileDataSourceTest, LineLongerThanTheLineBufferComesInBufferSizedPiecesAlsoInAClone) {
-  std::string line = Pattern(40);
-  std::string path = PathOf("small-buffer.txt");
-  WriteFileBytes(path, line + "\r\nok\r\n");
-  const std::vector<std::string> expected = {line.substr(0, 15), line.substr(15, 15),
-                                             line.substr(30) + "\r\n", "ok\r\n"};
-
-  FileDataSource source(path, 16);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-  EXPECT_EQ(ReadLines(source, 1024), expected);
-
-  std::unique_ptr<DataSource> clone = source.Clone();
-  EXPECT_EQ(clone->Name(), path);
-  ASSERT_EQ(clone->Open(DataSource::kOpenRead), 0);
-  EXPECT_EQ(ReadLines(*clone, 1024), expected);
+TEST_F(FileDataSourceTest, LinesComeWholeOrInPiecesOfMaxMinusOne) {
+  // A line comes whole with its "\r\n" only when it is shorter than max - 3:
+  // longer ones come in pieces of max - 1 bytes, or of the line buffer's size
+  // when that is smaller, and a cut between "\r" and "\n" lets the "\n" lead
+  // the next piece. The last line may come without a line end.
+  const std::string long2000 = Pattern(2000), long40 = Pattern(40);
+  struct Case {
+    std::string content;
+    int lineBuffer, max;
+    std::vector<std::string> lines;
+  };
+  const std::vector<Case> cases = {
+      {"first\r\nsecond\r\n\r\nlast", 4096, 1024, {"first\r\n", "second\r\n", "\r\n", "last"}},
+      {"abcdefghijklmnopqrst\r\nnext\r\n",
+       4096,
+       10,
+       {"abcdefghi", "jklmnopqr", "st\r\n", "next\r\n"}},
+      {"123456\r\n1234567\r\n12345678\r\nz\r\n",
+       4096,
+       10,
+       {"123456\r\n", "1234567\r\n", "12345678\r", "\nz\r\n"}},
+      {long2000 + "\r\ntail\r\n",
+       4096,
+       1024,
+       {long2000.substr(0, 1023), long2000.substr(1023) + "\r\n", "tail\r\n"}},
+      {long40 + "\r\nok\r\n",
+       16,
+       1024,
+       {long40.substr(0, 15), long40.substr(15, 15), long40.substr(30) + "\r\n", "ok\r\n"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.content.substr(0, 20));
+    std::string path = PathOf("lines.txt");
+    WriteFile(path, c.content);
+    FileDataSource source(path, c.lineBuffer);
+    ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
+    EXPECT_EQ(ReadLines(source, c.max), c.lines);
+    // A clone reads the same file the same way.
+    std::unique_ptr<DataSource> clone = source.Clone();
+    EXPECT_EQ(clone->Name(), path);
+    ASSERT_EQ(clone->Open(DataSource::kOpenRead), 0);
+    EXPECT_EQ(ReadLines(*clone, c.max), c.lines);
+    char buffer[16] = "stale";
+    EXPECT_EQ(source.ReadLine(buffer, sizeof buffer), 0);
+    EXPECT_STREQ(buffer, "");
+    EXPECT_EQ(source.ReadLine(nullptr, 16), -1);
+    EXPECT_EQ(source.Close(), 0);
+  }
 }
 
 TEST_F(FileDataSourceTest, ReadAfterReadLineLosesAndRepeatsNoByte) {
   std::string body = Pattern(10000);
   std::string path = PathOf("mixed.txt");
-  WriteFileBytes(path, "one\r\ntwo\r\nthree\r\n" + body);
+  WriteFile(path, "one\r\ntwo\r\nthree\r\n" + body);
   FileDataSource source(path);
   ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
 
@@ -178,7 +136,7 @@ TEST_F(FileDataSourceTest, WriteAfterReadLineLandsAtTheLineEnd) {
   // after a Seek from the current position) must land behind the last line
   // given out, and reading goes on right behind the written bytes.
   std::string path = PathOf("overwrite.txt");
-  WriteFileBytes(path, "one\r\ntwo\r\nthree\r\nfour\r\n");
+  WriteFile(path, "one\r\ntwo\r\nthree\r\nfour\r\n");
   FileDataSource source(path);
   ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
   ASSERT_EQ(source.Seek(0, DataSource::kSeekStart), 0);
@@ -193,29 +151,7 @@ TEST_F(FileDataSourceTest, WriteAfterReadLineLandsAtTheLineEnd) {
   EXPECT_EQ(source.Write("FOUR", 4), 4);
   EXPECT_EQ(ReadLines(source, sizeof buffer), (std::vector<std::string>{"\r\n"}));
   EXPECT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "one\r\nTWO\r\nthree\r\nFOUR\r\n");
-}
-
-TEST_F(FileDataSourceTest, SeekStaysWithinTheData) {
-  std::string path = PathOf("ten.txt");
-  WriteFileBytes(path, "0123456789");
-  FileDataSource source(path);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-
-  char buffer[16];
-  EXPECT_EQ(source.Seek(3, DataSource::kSeekEnd), 7);
-  ASSERT_EQ(source.Read(buffer, 10), 3);
-  EXPECT_STREQ(buffer, "789");
-  EXPECT_EQ(source.Seek(11, DataSource::kSeekStart), -1);
-  EXPECT_EQ(source.Seek(-1, DataSource::kSeekStart), -1);
-  EXPECT_EQ(source.Seek(11, DataSource::kSeekEnd), -1);
-  EXPECT_EQ(source.Seek(1, DataSource::kSeekCurrent), -1);
-  EXPECT_EQ(source.Seek(0, 3), -1);
-  EXPECT_EQ(source.Read(buffer, 10), 0) << "a refused Seek must not move";
-  EXPECT_EQ(source.Seek(-4, DataSource::kSeekCurrent), 6);
-  ASSERT_EQ(source.Read(buffer, 2), 2);
-  EXPECT_STREQ(buffer, "67");
-  EXPECT_EQ(source.Seek(10, DataSource::kSeekStart), 10);
+  EXPECT_EQ(ReadFile(path), "one\r\nTWO\r\nthree\r\nFOUR\r\n");
 }
 
 TEST_F(FileDataSourceTest, OpenModes) {
@@ -229,7 +165,7 @@ TEST_F(FileDataSourceTest, OpenModes) {
   EXPECT_EQ(unnamed.Open(DataSource::kOpenWrite), -1);
 
   std::string path = PathOf("modes.txt");
-  WriteFileBytes(path, "old content");
+  WriteFile(path, "old content");
   FileDataSource source(path);
   ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
   EXPECT_EQ(source.Write("x", 1), -1);
@@ -238,12 +174,12 @@ TEST_F(FileDataSourceTest, OpenModes) {
   EXPECT_EQ(source.Seek(0, DataSource::kSeekCurrent), 11);
   EXPECT_EQ(source.WriteLine("more"), 4);
   ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "old contentmore\r\n");
+  EXPECT_EQ(ReadFile(path), "old contentmore\r\n");
 
   ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
   EXPECT_EQ(source.Seek(0, DataSource::kSeekEnd), 0);
   ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "");
+  EXPECT_EQ(ReadFile(path), "");
   EXPECT_EQ(source.Close(), 0);
   char buffer[8];
   EXPECT_EQ(source.Read(buffer, 4), -1);
@@ -267,7 +203,7 @@ TEST_F(FileDataSourceTest, WriteLineAddsCrLfOnlyWhenTheTextLacksIt) {
   EXPECT_EQ(source.WriteLine("c\n"), 2);
   EXPECT_EQ(source.WriteLine(nullptr), -1);
   ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "a\r\nb\r\n\r\nc\n\r\n");
+  EXPECT_EQ(ReadFile(path), "a\r\nb\r\n\r\nc\n\r\n");
 }
 
 TEST(BufferDataSourceTest, WritingPastTheCapacityIsCutOffWithoutError) {
@@ -333,20 +269,6 @@ TEST(BufferDataSourceTest, ReadLineEndsAtTheFirstCarriageReturnOrAtMaxMinusOne) 
   EXPECT_EQ(source.ReadLine(nullptr, 4), -1);
 }
 
-TEST(BufferDataSourceTest, SeekStaysWithinTheData) {
-  BufferDataSource source(32);
-  ASSERT_EQ(source.Write("0123456789", 10), 10);
-  char buffer[16];
-  EXPECT_EQ(source.Seek(3, DataSource::kSeekEnd), 7);
-  ASSERT_EQ(source.Read(buffer, 10), 3);
-  EXPECT_STREQ(buffer, "789");
-  EXPECT_EQ(source.Seek(11, DataSource::kSeekStart), -1);
-  EXPECT_EQ(source.Seek(-11, DataSource::kSeekCurrent), -1);
-  EXPECT_EQ(source.Seek(-10, DataSource::kSeekCurrent), 0);
-  EXPECT_EQ(source.Seek(10, DataSource::kSeekEnd), 0);
-  EXPECT_EQ(source.Seek(0, 7), -1);
-}
-
 TEST(BufferDataSourceTest, CloneOwnsACopyWithTheSameCapacity) {
   BufferDataSource source(8, "origin");
   ASSERT_EQ(source.WriteLine("abc"), 3);
@@ -364,28 +286,15 @@ TEST(BufferDataSourceTest, CloneOwnsACopyWithTheSameCapacity) {
 
 class MappedFileDataSourceTest : public testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    const char* old = std::getenv("TMPDIR");
-    if (old != nullptr) oldTmpdir_ = old;
-    hadTmpdir_ = old != nullptr;
-    ::setenv("TMPDIR", dir_.path().c_str(), 1);
-  }
-  void TearDown() override {
-    if (hadTmpdir_) {
-      ::setenv("TMPDIR", oldTmpdir_.c_str(), 1);
-    } else {
-      ::unsetenv("TMPDIR");
-    }
-  }
+  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
   std::string PathOf(const std::string& name) const { return dir_.path() + "/" + name; }
   int64_t SizeOf(const std::string& path) const {
     return static_cast<int64_t>(fs::file_size(path));
   }
 
   TempDir dir_;
-  std::string oldTmpdir_;
-  bool hadTmpdir_ = false;
+  // The temporary files go where the test can see them.
+  test::ScopedEnv tmpdir_{"TMPDIR", dir_.path()};
 };
 
 TEST_F(MappedFileDataSourceTest, TemporaryFileLeavesNothingBehind) {
@@ -400,7 +309,7 @@ TEST_F(MappedFileDataSourceTest, TemporaryFileLeavesNothingBehind) {
     ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
     EXPECT_EQ(source.WriteLine("data"), 4);
     ASSERT_EQ(source.Close(), 0);
-    EXPECT_EQ(ReadFileBytes(path), "data\r\n");
+    EXPECT_EQ(ReadFile(path), "data\r\n");
     ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);  // destroyed while open
   }
   EXPECT_FALSE(fs::exists(path));
@@ -418,7 +327,7 @@ TEST_F(MappedFileDataSourceTest, FileGivenByPathIsKeptWithExactlyTheDataLength) 
     ASSERT_EQ(source.Close(), 0);
     EXPECT_EQ(SizeOf(path), 11);
   }
-  EXPECT_EQ(ReadFileBytes(path), "hello world");
+  EXPECT_EQ(ReadFile(path), "hello world");
 }
 
 TEST_F(MappedFileDataSourceTest, GrowsStepByStepWithContentIntact) {
@@ -453,14 +362,14 @@ TEST_F(MappedFileDataSourceTest, GrowthStepIsAnEighthOfTheMappedSizeAbove4096) {
     SCOPED_TRACE(c.fileSize);
     std::string path = PathOf("append.bin");
     std::string old = Pattern(static_cast<size_t>(c.fileSize));
-    WriteFileBytes(path, old);
+    WriteFile(path, old);
     MappedFileDataSource source(0, "append", path);
     ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
     EXPECT_EQ(SizeOf(path), c.mappedWhileOpen);
     EXPECT_EQ(source.Seek(0, DataSource::kSeekCurrent), c.fileSize);
     EXPECT_EQ(source.WriteLine("tail"), 4);
     ASSERT_EQ(source.Close(), 0);
-    EXPECT_TRUE(ReadFileBytes(path) == old + "tail\r\n");
+    EXPECT_TRUE(ReadFile(path) == old + "tail\r\n");
   }
 }
 
@@ -489,26 +398,26 @@ TEST_F(MappedFileDataSourceTest, ModesReadOnlyStartEmptyAndKeep) {
   EXPECT_EQ(absent.Open(3), -1);
 
   std::string path = PathOf("modes.bin");
-  WriteFileBytes(path, "old data");
+  WriteFile(path, "old data");
   MappedFileDataSource source(0, "", path);
   ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
   EXPECT_EQ(source.Write("x", 1), -1);
   EXPECT_LT(source.WriteLine("x"), 0);
   EXPECT_EQ(ReadRest(source, 3), "old data");
   ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "old data");
+  EXPECT_EQ(ReadFile(path), "old data");
 
   ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
   char buffer[16];
   EXPECT_EQ(source.Read(buffer, 15), 0);
   EXPECT_EQ(source.WriteLine("one"), 3);
   ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "one\r\n");
+  EXPECT_EQ(ReadFile(path), "one\r\n");
 
   ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
   EXPECT_EQ(source.WriteLine("two\r\n"), 5);
   ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFileBytes(path), "one\r\ntwo\r\n");
+  EXPECT_EQ(ReadFile(path), "one\r\ntwo\r\n");
 
   ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
   ASSERT_EQ(source.Close(), 0);
@@ -521,7 +430,7 @@ TEST_F(MappedFileDataSourceTest, ModesReadOnlyStartEmptyAndKeep) {
   EXPECT_EQ(source.Seek(0, DataSource::kSeekStart), -1);
 }
 
-TEST_F(MappedFileDataSourceTest, LinesAndSeekWorkAsForTheBufferKind) {
+TEST_F(MappedFileDataSourceTest, LinesWorkAsForTheBufferKind) {
   MappedFileDataSource source;
   ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
   ASSERT_EQ(source.Write("one\r\ntwo\nthree\rfour", 19), 19);
@@ -531,18 +440,6 @@ TEST_F(MappedFileDataSourceTest, LinesAndSeekWorkAsForTheBufferKind) {
   ASSERT_EQ(source.Write("abcdefgh\r\nxyz", 13), 13);
   ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
   EXPECT_EQ(ReadLines(source, 10), (std::vector<std::string>{"abcdefgh\r", "\nxyz"}));
-
-  ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-  ASSERT_EQ(source.Write("0123456789", 10), 10);
-  char buffer[16];
-  EXPECT_EQ(source.Seek(3, DataSource::kSeekEnd), 7);
-  ASSERT_EQ(source.Read(buffer, 10), 3);
-  EXPECT_STREQ(buffer, "789");
-  EXPECT_EQ(source.Seek(11, DataSource::kSeekStart), -1);
-  EXPECT_EQ(source.Seek(-11, DataSource::kSeekCurrent), -1);
-  EXPECT_EQ(source.Seek(2, DataSource::kSeekStart), 2);
-  EXPECT_EQ(source.Write("X", 1), 1);
-  EXPECT_EQ(source.Seek(0, DataSource::kSeekEnd), 10) << "an overwrite keeps the data length";
 }
 
 TEST_F(MappedFileDataSourceTest, FileIsNotSharedWhileOpenAndACloneNeverDeletesIt) {
@@ -559,9 +456,59 @@ TEST_F(MappedFileDataSourceTest, FileIsNotSharedWhileOpenAndACloneNeverDeletesIt
     ASSERT_EQ(clone->Open(DataSource::kOpenRead), 0);
     EXPECT_EQ(ReadRest(*clone, 8), "abc");
     clone.reset();
-    EXPECT_EQ(ReadFileBytes(path), "abc");
+    EXPECT_EQ(ReadFile(path), "abc");
   }
   EXPECT_FALSE(fs::exists(path));
+}
+
+// What every kind of source does alike: Seek from each origin stays within
+// the data (a refused one does not move), and Read goes on from there.
+template <typename Kind>
+class DataSourceContractTest : public testing::Test {
+ protected:
+  std::unique_ptr<DataSource> Make() {
+    if constexpr (std::is_same_v<Kind, FileDataSource>) {
+      return std::make_unique<FileDataSource>(dir_.path() + "/ten.txt");
+    } else if constexpr (std::is_same_v<Kind, BufferDataSource>) {
+      return std::make_unique<BufferDataSource>(32);
+    } else {
+      return std::make_unique<MappedFileDataSource>(0, "ten", dir_.path() + "/ten.map");
+    }
+  }
+  TempDir dir_;
+};
+
+using Kinds = testing::Types<FileDataSource, BufferDataSource, MappedFileDataSource>;
+TYPED_TEST_SUITE(DataSourceContractTest, Kinds);
+
+TYPED_TEST(DataSourceContractTest, SeekStaysWithinTheData) {
+  std::unique_ptr<DataSource> source = this->Make();
+  ASSERT_EQ(source->Open(DataSource::kOpenWrite), 0);
+  ASSERT_EQ(source->Write("0123456789", 10), 10);
+  char buffer[16];
+  EXPECT_EQ(source->Seek(3, DataSource::kSeekEnd), 7);
+  ASSERT_EQ(source->Read(buffer, 10), 3);
+  EXPECT_STREQ(buffer, "789");
+  const std::pair<int64_t, int> refused[] = {
+      {11, DataSource::kSeekStart},  {-1, DataSource::kSeekStart},    {11, DataSource::kSeekEnd},
+      {1, DataSource::kSeekCurrent}, {-11, DataSource::kSeekCurrent}, {0, 3}};
+  for (const auto& [offset, origin] : refused) {
+    EXPECT_EQ(source->Seek(offset, origin), -1) << offset << " from " << origin;
+  }
+  EXPECT_EQ(source->Read(buffer, 10), 0) << "a refused Seek must not move";
+  EXPECT_EQ(source->Seek(-4, DataSource::kSeekCurrent), 6);
+  ASSERT_EQ(source->Read(buffer, 2), 2);
+  EXPECT_STREQ(buffer, "67");
+  EXPECT_EQ(source->Seek(10, DataSource::kSeekStart), 10);
+  // The files keep their length under an overwrite; the buffer kind ends its
+  // data at the last write.
+  EXPECT_EQ(source->Seek(2, DataSource::kSeekStart), 2);
+  EXPECT_EQ(source->Write("X", 1), 1);
+  const int64_t length = std::is_same_v<TypeParam, BufferDataSource> ? 3 : 10;
+  EXPECT_EQ(source->Seek(0, DataSource::kSeekEnd), length);
+  EXPECT_EQ(source->Seek(0, DataSource::kSeekStart), 0);
+  ASSERT_EQ(source->Read(buffer, 10), length);
+  EXPECT_EQ(std::string(buffer), std::string("01X3456789").substr(0, static_cast<size_t>(length)));
 }
 
 }  // namespace
