@@ -8,6 +8,7 @@
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "base/service_settings.h"
+#include "mail/attachment_file_name.h"
 #include "mail/attachment_upload.h"
 #include "mail/cached_message.h"
 #include "mail/header_display.h"
@@ -29,7 +30,6 @@ constexpr int kMissingField = 100;
 constexpr char kMissingFieldText[] = "The parameter of request is not enough";
 constexpr long kDoubleTimeoutSize = 2048001;
 constexpr long kTripleTimeoutSize = 3072001;
-constexpr size_t kMaxAttachmentName = 259;
 
 bool FileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
@@ -38,22 +38,6 @@ bool FileExists(const std::string& path) {
 int LoadMessageFile(MailMessage& message, const std::string& path) {
   FileDataSource file(path);
   return message.Load(file);
-}
-
-// An attachment's name as a file name inside the target directory, and as
-// the name an upload stores it under: a name from a message must neither
-// lead out of the directory nor carry a control byte into a command line.
-std::string SafeFileName(std::string_view name) {
-  std::string safe;
-  for (char c : name) {
-    if (c == '/' || c == '\\') {
-      safe += '_';
-    } else if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) {
-      safe += c;
-    }
-  }
-  if (safe.find_first_not_of('.') == std::string::npos && safe.size() <= 2) return "_";
-  return safe;
 }
 
 const char* OrNull(const std::optional<BodyText>& body) {
@@ -225,8 +209,7 @@ void MailReceiver::SaveAttachmentsInto(std::string directory) {
   for (int i = 0; i < message_.AttachmentCount(); ++i) {
     const std::string* rawName = message_.AttachmentName(i);
     if (rawName == nullptr) continue;
-    std::string name = SafeFileName(DecodeHeaderForDisplay(
-        std::string_view(*rawName).substr(0, kMaxAttachmentName), targetCharset_));
+    std::string name = AttachmentFileName(*rawName, targetCharset_);
     std::string path = attachmentDirectory_ + name;
     WriteLog(kLogDebug, "Save attachment file %s in local directory\n", path.c_str());
     int64_t size = message_.SaveAttachment(i, path);

@@ -41,8 +41,8 @@ constexpr const char* kMessages[CNetError::kCodeCount] = {
     /*  30 */ "A file write error occurred.",
     /*  31 */ "Error trying to close file.",
     /*  32 */
-    "There was no output file name provided, and no output file name was included with the "
-    "attachment.",
+    ("There was no output file name provided, and no output file name was included with the "
+     "attachment."),
     /*  33 */ "File format error.",
     /*  34 */ "Get temporary file name failed.",
     /*  35 */ "An error resulted due to the buffer being too short.",
