@@ -50,6 +50,7 @@ int FtpClient::GetReplyCode() {
     // A multi-line reply ends at a line with the same three digits and a
     // blank; one whose line does not come keeps the code of its first.
     const std::string end = first.substr(0, 3) + " ";
+    replyLines_.clear();  // the lines of the last multi-line reply only
     const ReplyEnd reply = ReadReplyRest(
         [&end](std::string_view line) {
           return line.starts_with(end) ? LineRole::kLast : LineRole::kMore;

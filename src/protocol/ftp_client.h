@@ -53,6 +53,7 @@ class FtpClient : public CommandClient {
   void SetDataPort(int port) { dataPort_ = port; }
   // The last reply line, without its line end.
   std::string LastResponse() const;
+  // The lines after the first of the last multi-line reply.
   const std::vector<std::string>& ReplyLines() const { return replyLines_; }
 
  private:
