@@ -31,5 +31,9 @@ inline constexpr size_t kMaxQueuedAnswerBytes = 1024 * 1024;
 // Lines of one multi-line SMTP or FTP reply; a server that goes on past
 // them is a failed reply.
 inline constexpr int kMaxReplyLines = 1000;
+// Bytes of one reply line a client reads (and drops past its room) before it
+// takes the line for no reply: a server that never ends a line gets no more
+// of our time than that.
+inline constexpr size_t kMaxReplyLineBytes = 64 * 1024;
 
 }  // namespace corvane::limits

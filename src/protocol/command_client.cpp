@@ -66,12 +66,14 @@ CommandClient::ReplyEnd CommandClient::ReadReplyRest(
 bool CommandClient::SkipRestOfLine(int timeoutSeconds) {
   if (EndsInLineFeed(line_)) return true;
   char rest[1024];
-  for (;;) {
+  for (size_t skipped = line_.size(); skipped <= limits::kMaxReplyLineBytes;) {
     if (IsAborted()) return false;
     int more = ReceiveLine(rest, sizeof rest, timeoutSeconds);
     if (more < 1) return false;
     if (rest[more - 1] == '\n') return true;
+    skipped += static_cast<size_t>(more);
   }
+  return false;
 }
 
 }  // namespace corvane

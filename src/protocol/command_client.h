@@ -56,7 +56,7 @@ class CommandClient : public CNetClient {
                          int timeoutSeconds,
                          const std::function<void(std::string_view)>& each = nullptr);
   // Reads and drops the rest of a last line cut at its room; false when it
-  // did not come.
+  // did not come, or goes on past limits::kMaxReplyLineBytes.
   bool SkipRestOfLine(int timeoutSeconds);
 
  private:

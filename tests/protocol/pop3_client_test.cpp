@@ -50,6 +50,20 @@ TEST_F(Pop3ClientTest, LoginRepliesGiveTheirOwnCodes) {
     EXPECT_TRUE(peer.Finish()) << peer.Errors();
   }
   {
+    // A greeting that never ends its line: the client gives up after its
+    // bound, long before the server runs out of bytes to send.
+    int written = 0;
+    ScriptedPeer peer({test::Do([&written](test::PeerSession& session, std::string&) {
+      session.Write("+OK ");
+      for (const std::string kib(1024, 'x'); written < 100000 && session.Write(kib);) ++written;
+      return true;
+    })});
+    EXPECT_EQ(Connect(peer), 5);
+    client_.CloseConnection();
+    peer.Finish();
+    EXPECT_LT(written, 100000);
+  }
+  {
     ScriptedPeer peer(Login({Expect("QUIT\r\n"), Send("+OK bye\r\n"), test::ExpectClose()}));
     EXPECT_EQ(Connect(peer), 0);
     EXPECT_EQ(client_.POP3Close(), 0);
