@@ -58,7 +58,10 @@ void RenderHeaders(const MailMessage& message, const std::string& target) {
   }
   std::string subject =
       corvane::DisplayHeaderOf(message, corvane::kFieldSubject, target).value_or("");
-  corvane::ShortenText(subject, 20);
+  // A list row's subject: at most the limit and the "..." behind it.
+  Check(corvane::ShortenText(subject, 20) == static_cast<int>(subject.size()) &&
+            subject.size() <= 20 + 3,
+        "a shortened subject is longer than its limit");
   if (std::optional<std::string> date = message.JoinedHeaderValues(corvane::kFieldDate)) {
     corvane::FormatLocalMinute(corvane::ParseMailDate(*date));
   }
