@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <optional>
 #include <string>
+#include <vector>
 
 #include "mime/default_charset.h"
 #include "support/scoped_env.h"
@@ -10,62 +9,49 @@
 namespace corvane {
 namespace {
 
-TEST(DefaultCharsetTest, NamesTheLocalesAnsiCodePage) {
-  EXPECT_EQ(DefaultCharsetForLocale("zh_CN.UTF-8"), "cp936");
-  EXPECT_EQ(DefaultCharsetForLocale("zh_TW.Big5"), "cp950");
-  EXPECT_EQ(DefaultCharsetForLocale("zh_HK.UTF-8"), "cp950");
-  EXPECT_EQ(DefaultCharsetForLocale("ja_JP.eucJP"), "cp932");
-  EXPECT_EQ(DefaultCharsetForLocale("ko_KR.UTF-8"), "cp949");
-  EXPECT_EQ(DefaultCharsetForLocale("ru_RU.KOI8-R"), "cp1251");
-  EXPECT_EQ(DefaultCharsetForLocale("pl_PL.UTF-8"), "cp1250");
-  EXPECT_EQ(DefaultCharsetForLocale("en_US.UTF-8"), "cp1252");
-  EXPECT_EQ(DefaultCharsetForLocale("el_GR"), "cp1253");
-  EXPECT_EQ(DefaultCharsetForLocale("tr_TR.UTF-8"), "cp1254");
-  EXPECT_EQ(DefaultCharsetForLocale("th_TH.TIS-620"), "cp874");
-}
-
-TEST(DefaultCharsetTest, FollowsTheScriptModifier) {
-  EXPECT_EQ(DefaultCharsetForLocale("sr_RS"), "cp1251");
-  EXPECT_EQ(DefaultCharsetForLocale("sr_RS@latin"), "cp1250");
-  EXPECT_EQ(DefaultCharsetForLocale("uz_UZ.UTF-8"), "cp1254");
-  EXPECT_EQ(DefaultCharsetForLocale("uz_UZ.UTF-8@cyrillic"), "cp1251");
-}
-
-TEST(DefaultCharsetTest, GivesUsAsciiForLocalesWithoutAnAnsiCodePage) {
-  EXPECT_EQ(DefaultCharsetForLocale("C"), "us-ascii");
-  EXPECT_EQ(DefaultCharsetForLocale("C.UTF-8"), "us-ascii");
-  EXPECT_EQ(DefaultCharsetForLocale("POSIX"), "us-ascii");
-  EXPECT_EQ(DefaultCharsetForLocale(""), "us-ascii");
-  EXPECT_EQ(DefaultCharsetForLocale("hi_IN"), "us-ascii");
-  EXPECT_EQ(DefaultCharsetForLocale("zhx_CN"), "us-ascii");
-}
-
 using test::ScopedEnv;
 
+TEST(DefaultCharsetTest, TheLocalesAnsiCodePageElseUsAscii) {
+  const std::vector<std::pair<const char*, const char*>> cases = {
+      {"zh_CN.UTF-8", "cp936"},
+      {"zh_TW.Big5", "cp950"},
+      {"zh_HK.UTF-8", "cp950"},
+      {"ja_JP.eucJP", "cp932"},
+      {"ko_KR.UTF-8", "cp949"},
+      {"ru_RU.KOI8-R", "cp1251"},
+      {"pl_PL.UTF-8", "cp1250"},
+      {"en_US.UTF-8", "cp1252"},
+      {"el_GR", "cp1253"},
+      {"tr_TR.UTF-8", "cp1254"},
+      {"th_TH.TIS-620", "cp874"},
+      // The script modifier decides where a language has two.
+      {"sr_RS", "cp1251"},
+      {"sr_RS@latin", "cp1250"},
+      {"uz_UZ.UTF-8", "cp1254"},
+      {"uz_UZ.UTF-8@cyrillic", "cp1251"},
+      // No ANSI code page.
+      {"C", "us-ascii"},
+      {"C.UTF-8", "us-ascii"},
+      {"POSIX", "us-ascii"},
+      {"", "us-ascii"},
+      {"hi_IN", "us-ascii"},
+      {"zhx_CN", "us-ascii"}};
+  for (const auto& [locale, charset] : cases) {
+    EXPECT_EQ(DefaultCharsetForLocale(locale), charset) << locale;
+  }
+}
+
 TEST(DefaultCharsetTest, TakesTheFirstSetOfLcAllLcCtypeAndLang) {
-  {
-    ScopedEnv all("LC_ALL", "ko_KR.UTF-8");
-    ScopedEnv ctype("LC_CTYPE", "zh_TW");
-    ScopedEnv lang("LANG", "ja_JP");
-    EXPECT_EQ(DefaultCharset(), "cp949");
-  }
-  {
-    ScopedEnv all("LC_ALL", "");
-    ScopedEnv ctype("LC_CTYPE", "zh_TW");
-    ScopedEnv lang("LANG", "ja_JP");
-    EXPECT_EQ(DefaultCharset(), "cp950");
-  }
-  {
-    ScopedEnv all("LC_ALL", nullptr);
-    ScopedEnv ctype("LC_CTYPE", nullptr);
-    ScopedEnv lang("LANG", "zh_CN.UTF-8");
-    EXPECT_EQ(DefaultCharset(), "cp936");
-  }
-  {
-    ScopedEnv all("LC_ALL", nullptr);
-    ScopedEnv ctype("LC_CTYPE", nullptr);
-    ScopedEnv lang("LANG", nullptr);
-    EXPECT_EQ(DefaultCharset(), "us-ascii");
+  struct Case {
+    const char *all, *ctype, *lang, *charset;
+  };
+  const Case cases[] = {{"ko_KR.UTF-8", "zh_TW", "ja_JP", "cp949"},
+                        {"", "zh_TW", "ja_JP", "cp950"},
+                        {nullptr, nullptr, "zh_CN.UTF-8", "cp936"},
+                        {nullptr, nullptr, nullptr, "us-ascii"}};
+  for (const Case& c : cases) {
+    ScopedEnv all("LC_ALL", c.all), ctype("LC_CTYPE", c.ctype), lang("LANG", c.lang);
+    EXPECT_EQ(DefaultCharset(), c.charset);
   }
 }
 
