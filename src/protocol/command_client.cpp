@@ -38,8 +38,13 @@ bool CommandClient::SendCommand(std::string_view command) {
   line += "\r\n";
   const bool sent =
       Send(line.data(), static_cast<int>(line.size())) == static_cast<int>(line.size());
-  OPENSSL_cleanse(line.data(), line.size());
+  Forget(line);
   return sent;
+}
+
+void CommandClient::Forget(std::string& secret) {
+  if (!secret.empty()) OPENSSL_cleanse(secret.data(), secret.size());
+  secret.clear();
 }
 
 int CommandClient::ReadReplyLine(int room, int timeoutSeconds) {

@@ -55,6 +55,8 @@ class CommandClient : public CNetClient {
   ReplyEnd ReadReplyRest(const std::function<LineRole(std::string_view)>& role, int room,
                          int timeoutSeconds,
                          const std::function<void(std::string_view)>& each = nullptr);
+  // Overwrites `secret` (a password, a line that carried one) and empties it.
+  static void Forget(std::string& secret);
   // Reads and drops the rest of a last line cut at its room; false when it
   // did not come, or goes on past limits::kMaxReplyLineBytes.
   bool SkipRestOfLine(int timeoutSeconds);

@@ -1,7 +1,5 @@
 #include "protocol/smtp_client.h"
 
-#include <openssl/crypto.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -60,11 +58,6 @@ SmtpClient::SmtpClient() : CommandClient(25, 10) {}
 SmtpClient::~SmtpClient() {
   Forget(password_);
   Forget(userName_);
-}
-
-void SmtpClient::Forget(std::string& secret) {
-  if (!secret.empty()) OPENSSL_cleanse(secret.data(), secret.size());
-  secret.clear();
 }
 
 void SmtpClient::SetUserName(const char* user) {

@@ -79,7 +79,6 @@ class SmtpClient : public CommandClient {
   // EHLO (and HELO or STARTTLS with its re-EHLO) after the greeting.
   int Greet(const char* host, const char* localName);
   int StartTls(const char* host, const char* localName);
-  void Forget(std::string& secret);
 
   bool startTlsOffered_ = false;
   bool useAuthentication_ = false;
