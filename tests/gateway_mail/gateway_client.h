@@ -1,12 +1,10 @@
 #pragma once
 
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "support/command_output.h"
 #include "support/temp_dir.h"
 
 namespace corvane::test {
@@ -89,16 +87,11 @@ inline std::map<std::string, std::string> ParseAnswerJson(const std::string& jso
 // Runs corvane-cli with `arguments` against the gateway on `port`; only the
 // output and exit status are filled in.
 inline GatewayAnswer RunCli(int port, const std::string& arguments) {
-  std::string command = std::string("'") + CORVANE_CLI + "' --port " + std::to_string(port) + " " +
-                        arguments + " 2>&1";
+  CommandOutput run = RunCommand(std::string("'") + CORVANE_CLI + "' --port " +
+                                 std::to_string(port) + " " + arguments);
   GatewayAnswer answer;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return answer;
-  char chunk[65536];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) answer.output.append(chunk, n);
-  int status = pclose(pipe);
-  answer.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  answer.status = run.status;
+  answer.output = std::move(run.output);
   return answer;
 }
 

@@ -1,9 +1,9 @@
 // Runs the real executable from a temporary program directory.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 
+#include "support/command_output.h"
 #include "support/gateway_process.h"
 #include "support/temp_dir.h"
 
@@ -23,15 +23,10 @@ class StartupTest : public ::testing::Test {
   // Runs the copied executable with one argument; returns its output.
   std::string Run(const std::string& argument) {
     // A unit written by "-i" goes into the test's own directory.
-    std::string command = "CORVANE_SYSTEMD_DIR='" + dir_.path() + "' '" + (dir_ / "corvane") +
-                          "' " + argument + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string output;
-    char chunk[256];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, n);
-    exitStatus_ = pclose(pipe);
-    return output;
+    test::CommandOutput run = test::RunCommand("CORVANE_SYSTEMD_DIR='" + dir_.path() + "' '" +
+                                               (dir_ / "corvane") + "' " + argument);
+    exitStatus_ = run.status;
+    return run.output;
   }
 
   std::string LogText() {
@@ -48,7 +43,7 @@ class StartupTest : public ::testing::Test {
 
 TEST_F(StartupTest, NoConfigurationMakesTheDirectoriesAndLogsTheBannerOnPort8500) {
   Run("-x");
-  EXPECT_EQ(WEXITSTATUS(exitStatus_), 0);
+  EXPECT_EQ(exitStatus_, 0);
   for (const char* name : {"temp", "log", "cache"}) {
     EXPECT_TRUE(std::filesystem::is_directory(dir_ / name)) << name;
   }
