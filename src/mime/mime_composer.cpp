@@ -300,6 +300,9 @@ int MessageComposition::WriteTo(const TextSink& sink) const {
            ? g_mime_object_write_to_stream(body, options.get(), out.get())
            : g_mime_object_write_content_to_stream(body, options.get(), out.get())) >= 0 &&
       g_mime_stream_flush(out.get()) == 0;
+  // The library lets a failed write pass when its encoding filters flush
+  // (the end of a base64 attachment): a refusal anywhere fails the message.
+  written = written && !refused;
   // The last line ends like every other.
   if (written && (last[0] != '\r' || last[1] != '\n')) written = tracking("\r\n");
   if (written) return kMimeOk;
