@@ -2,6 +2,7 @@
 
 // Script pieces of a scripted POP3 server.
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/scripted_peer.h"
@@ -15,15 +16,29 @@ inline std::vector<Step> Pop3Login(const std::string& user = "joe",
           Expect("PASS " + password + "\r\n"), Send("+OK\r\n")};
 }
 
+// Each command (without its CRLF) with the bytes the server answers it with.
+inline std::vector<Step> Pop3Exchange(
+    const std::vector<std::pair<std::string, std::string>>& commandsAndReplies) {
+  std::vector<Step> steps;
+  for (const auto& [command, reply] : commandsAndReplies) {
+    steps.push_back(Expect(command + "\r\n"));
+    steps.push_back(Send(reply));
+  }
+  return steps;
+}
+
+// A login as joe, then `exchange`, then `more` steps.
+inline std::vector<Step> Pop3Session(
+    const std::vector<std::pair<std::string, std::string>>& exchange, std::vector<Step> more = {}) {
+  return Join({Pop3Login(), Pop3Exchange(exchange), std::move(more)});
+}
+
 // STAT answered with `count` messages and, when there are any, UIDL with
 // `uidl` (its "number id\r\n" lines).
 inline std::vector<Step> Pop3Listing(int count, const std::string& uidl) {
-  std::vector<Step> steps = {Expect("STAT\r\n"), Send("+OK " + std::to_string(count) + " 999\r\n")};
-  if (count > 0) {
-    steps.push_back(Expect("UIDL\r\n"));
-    steps.push_back(Send("+OK\r\n" + uidl + ".\r\n"));
-  }
-  return steps;
+  if (count == 0) return Pop3Exchange({{"STAT", "+OK 0 999\r\n"}});
+  return Pop3Exchange({{"STAT", "+OK " + std::to_string(count) + " 999\r\n"},
+                       {"UIDL", "+OK\r\n" + uidl + ".\r\n"}});
 }
 
 }  // namespace corvane::test
