@@ -17,47 +17,39 @@ std::string Row(std::initializer_list<std::string_view> parts) {
   return row;
 }
 
-// An answer with a status and the given fields in its parameter record.
-std::string Answer(const std::vector<std::pair<std::string, std::string>>& fields) {
+TEST(AnswerPrinter, RowsAreSplitOnlyWhenWhollyCountedStrings) {
   wxEntryLog log;
   log.SetRecording(true);
   log.AddEntryText(kEntryOpenRecord, "sysRESPONSE", "aResponse");
   log.AddEntryText(kEntryField, "Status", "success");
   log.AddEntryText(kEntryCloseRecord, std::nullopt, std::nullopt);
   log.AddEntryText(kEntryOpenRecord, "sysPARAMETER", "aParam");
-  for (const auto& [name, value] : fields) log.AddEntryText(kEntryField, name, value);
+  for (auto [name, value] : std::initializer_list<std::pair<const char*, std::string>>{
+           {"Row0", Row({"id1", "", "Subject | with bar", "2023-11-14 22:13", "1"})},
+           {"Row1", Row({"id2", "only"}).substr(0, 9)},  // the last string cut short
+           {"Row2", Row({"single"})},                    // one string is no row
+           {"Row3", Row({"", "x"})},
+           {"Body", "12 apples"},       // starts like a counted string
+           {"Log", "209abcdefghi"}}) {  // leading zeros: not the gateway's form
+    log.AddEntryText(kEntryField, name, value);
+  }
+  log.AddEntryText(kEntryField, "Status", "fail");  // not the first record's
   log.AddEntryText(kEntryCloseRecord, std::nullopt, std::nullopt);
-  return log.Serialize();
-}
-
-TEST(AnswerPrinter, RowsAreSplitOnlyWhenWhollyCountedStrings) {
-  std::string answer = Answer({
-      {"Row0", Row({"id1", "", "Subject | with bar", "2023-11-14 22:13", "1"})},
-      {"Row1", Row({"id2", "only"}).substr(0, 9)},  // the last string cut short
-      {"Row2", Row({"single"})},                    // one string is no row
-      {"Row3", Row({"", "x"})},
-      {"Body", "12 apples"},    // starts like a counted string
-      {"Log", "209abcdefghi"},  // leading zeros: not the gateway's form
-  });
+  const std::string answer = log.Serialize();
   EXPECT_EQ(RenderAnswer(answer, false, true),
-            "sysRESPONSE (aResponse)\n"
-            "  Status = success\n"
-            "sysPARAMETER (aParam)\n"
+            "sysRESPONSE (aResponse)\n  Status = success\nsysPARAMETER (aParam)\n"
             "  Row0 = id1 |  | Subject | with bar | 2023-11-14 22:13 | 1\n"
-            "  Row1 = 13id214on\n"
-            "  Row2 = 16single\n"
-            "  Row3 =  | x\n"
-            "  Body = 12 apples\n"
-            "  Log = 209abcdefghi\n");
+            "  Row1 = 13id214on\n  Row2 = 16single\n  Row3 =  | x\n  Body = 12 apples\n"
+            "  Log = 209abcdefghi\n  Status = fail\n");
   // Without --rows, and in JSON, values are the bytes as sent.
   EXPECT_NE(RenderAnswer(answer, false).find("  Row0 = 13id110218Subject | with bar"),
             std::string::npos);
   EXPECT_NE(RenderAnswer(answer, true, true).find("\"Row0\":\"13id110218Subject | with bar"),
             std::string::npos);
+  EXPECT_EQ(AnswerStatus(answer), "success");
 }
 
 TEST(AnswerPrinter, StatusIsTheFirstRecordsOwn) {
-  EXPECT_EQ(AnswerStatus(Answer({{"Status", "fail"}})), "success");
   wxEntryLog log;
   log.SetRecording(true);
   log.AddEntryText(kEntryOpenRecord, "sysPARAMETER", "aParam");

@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
-#include <map>
+#include <thread>
 
 #include "accounts/process_registry.h"
 #include "base/process_log.h"
+#include "handling/check_mail.h"
+#include "handling/notify_program.h"
 #include "support/mail_request.h"
+#include "support/pop3_script.h"
+#include "support/scoped_env.h"
 #include "support/temp_dir.h"
-#include "transport/wx_entry_log.h"
 #include "transport/wx_node_ref.h"
 #include "transport/wx_query.h"
 #include "transport/wx_record_file.h"
@@ -18,45 +22,37 @@ namespace corvane {
 namespace {
 
 using test::Fields;
-
-std::string Request(const Fields& request, const Fields& parameters = {}) {
-  return test::MailRequest(request, parameters);
-}
-
-// The answer's "sysRESPONSE" fields.
-std::map<std::string, std::string> AnswerFields(const std::string& answer) {
-  wxQuery query;
-  query.AddRecordSet();
-  EXPECT_TRUE(query.Parse(answer.data(), answer.size()));
-  wxNodeRef response(query, query.FindNode("sysRESPONSE"));
-  EXPECT_TRUE(response);
-  std::map<std::string, std::string> fields;
-  for (const char* name : {"Command", "Status", "Log"}) {
-    if (auto value = response ? response.GetValue(name) : std::nullopt) fields[name] = *value;
-  }
-  return fields;
-}
+using namespace std::string_literals;
 
 class CommandDispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::filesystem::create_directory(dir_ / "log");
     g_logWriter = std::make_unique<LogWriter>(dir_ / "log/", kLogDebug);
-    g_accountRegistry.store(std::make_shared<AccountRegistry>(accountFile(), dir_.path()));
+    g_accountRegistry.store(std::make_shared<AccountRegistry>(profile_, dir_.path()));
   }
   void TearDown() override {
     g_accountRegistry.store(nullptr);
     g_logWriter.reset();
   }
 
-  std::map<std::string, std::string> Send(const std::string& request) {
-    return AnswerFields(dispatcher_.Dispatch(request));
+  // The answer's "sysRESPONSE" fields as "Command/Status/Log", absent ones empty.
+  std::string Send(const std::string& request) {
+    wxQuery query;
+    query.AddRecordSet();
+    std::string answer = dispatcher_.Dispatch(request);
+    EXPECT_TRUE(query.Parse(answer.data(), answer.size()));
+    wxNodeRef response(query, query.FindNode("sysRESPONSE"));
+    std::string fields;
+    for (const char* name : {"Command", "Status", "Log"}) {
+      fields += response.GetValue(name).value_or("") + (name[0] == 'L' ? "" : "/");
+    }
+    return fields;
   }
-  std::map<std::string, std::string> Config(const std::string& action, const Fields& account,
-                                            const std::string& polling = "start") {
+  std::string Config(const std::string& action, const Fields& account, const char* polling) {
     Fields request = {{"Command", "ConfigMail"}};
     request.insert(request.end(), account.begin(), account.end());
-    return Send(Request(request, {{"Config", action}, {"Polling", polling}}));
+    return Send(test::MailRequest(request, {{"Config", action}, {"Polling", polling}}));
   }
   std::string LogText() {
     std::string text;
@@ -65,10 +61,14 @@ class CommandDispatcherTest : public ::testing::Test {
     }
     return text;
   }
-  std::string accountFile() const { return dir_ / "account.dat"; }
-  AccountRegistry& registry() { return *g_accountRegistry.load(); }
+  // The registry's line for `key`, "-" when it has none.
+  std::string Line(const std::string& key) {
+    auto account = g_accountRegistry.load()->Find(key);
+    return account ? account->FormatLine() : "-";
+  }
 
   test::TempDir dir_;
+  const std::string profile_ = dir_ / "account.dat";
   CommandDispatcher dispatcher_;
   const Fields joe_ = {{"Pop3", "pop.local"},
                        {"Port", "995"},
@@ -77,145 +77,162 @@ class CommandDispatcherTest : public ::testing::Test {
                        {"Mobile", "139"}};
 };
 
-TEST_F(CommandDispatcherTest, MissingCommandIsWrongRequest) {
-  auto answer = Send(Request({{"Login", "joe"}}));
-  EXPECT_EQ(answer.count("Command"), 0u);
-  EXPECT_EQ(answer["Status"], "fail");
-  EXPECT_EQ(answer["Log"], "Request command is wrong");
-  // Bytes that are no container at all get the same answer.
-  EXPECT_EQ(Send("\x01garbage\xff")["Log"], "Request command is wrong");
-  EXPECT_EQ(Send("")["Log"], "Request command is wrong");
+TEST_F(CommandDispatcherTest, RequestsWithoutAKnownCommandAreRefused) {
+  for (std::string request : {test::MailRequest({{"Login", "joe"}}, {}), "\x01garbage\xff"s, ""s}) {
+    EXPECT_EQ(Send(request), "/fail/Request command is wrong");
+  }
+  // Commands match exactly, with case; the answer is one record closed by a
+  // zero-named entry.
+  EXPECT_EQ(dispatcher_.Dispatch(test::MailRequest({{"Command", "sendmail"}}, {})),
+            "1211sysRESPONSE19aResponse217Command18sendmail216Status14fail"
+            "213Log214Unknow command511010");
+  for (const char* line :
+       {" [Error] Unknow command: sendmail\n",
+        "[Corvane] Proccess command: sendmail ------------------------------\n",
+        "\xCF\xEC\xD3\xA6\xC7\xEB\xC7\xF3\xCD\xEA\xB1\xCF Command: sendmail\n"}) {
+    EXPECT_NE(LogText().find(line), std::string::npos) << line;
+  }
 }
 
-TEST_F(CommandDispatcherTest, CommandsMatchExactlyWithCase) {
-  auto answer = Send(Request({{"Command", "sendmail"}}));
-  EXPECT_EQ(answer["Command"], "sendmail");
-  EXPECT_EQ(answer["Status"], "fail");
-  EXPECT_EQ(answer["Log"], "Unknow command");
-  EXPECT_NE(LogText().find(" [Error] Unknow command: sendmail\n"), std::string::npos);
-  EXPECT_NE(LogText().find("[Corvane] Proccess command: sendmail ------------------------------\n"),
-            std::string::npos);
-  EXPECT_NE(LogText().find("\xCF\xEC\xD3\xA6\xC7\xEB\xC7\xF3\xCD\xEA\xB1\xCF Command: sendmail\n"),
-            std::string::npos);
-}
-
-TEST_F(CommandDispatcherTest, AnswerIsOneRecordClosedByAZeroNamedEntry) {
-  std::string answer = dispatcher_.Dispatch(Request({{"Command", "Nope"}}));
-  EXPECT_EQ(answer,
-            "1211sysRESPONSE19aResponse"
-            "217Command14Nope"
-            "216Status14fail"
-            "213Log214Unknow command"
-            "511010");
-}
-
-TEST_F(CommandDispatcherTest, AppendAddsTheAccountAndRewritesTheProfile) {
-  auto answer = Config("append", joe_);
-  EXPECT_EQ(answer["Command"], "ConfigMail");
-  EXPECT_EQ(answer["Status"], "success");
-  EXPECT_EQ(answer.count("Log"), 0u);
-  auto account = registry().Find("joe@pop.local");
-  ASSERT_NE(account, nullptr);
-  EXPECT_EQ(account->FormatLine(), "joe,pop.local,secret,995,139,1");
-
-  wxRecordFile profile(accountFile());
-  profile.SetEncipher(true);
-  ASSERT_EQ(profile.CountRecords(), 1);
-  EXPECT_STREQ(profile.ReadRecord()->c_str(), "joe,pop.local,secret,995,139,1");
-}
-
-TEST_F(CommandDispatcherTest, AppendOfAKnownKeyFails) {
-  Config("append", joe_);
-  auto answer =
-      Config("APPEND", {{"Pop3", "other.host"}, {"Login", "joe"}, {"Pwd", "x"}, {"Mobile", "1"}});
-  EXPECT_EQ(answer["Status"], "success");  // a different key: joe@other.host
-  answer = Config("Append", joe_);
-  EXPECT_EQ(answer["Status"], "fail");
-  EXPECT_EQ(answer["Log"], "Account is already exist");
+TEST_F(CommandDispatcherTest, ConfigMailChangesTheRegistryAndItsProfile) {
+  auto account = [](const char* pop3, const char* login, const char* pwd, const char* mobile,
+                    const char* port) {
+    Fields fields = {{"Pop3", pop3}, {"Login", login}, {"Pwd", pwd}, {"Mobile", mobile}};
+    if (port) fields.push_back({"Port", port});
+    return fields;
+  };
+  const struct {
+    const char* action;
+    Fields account;
+    const char* polling;
+    std::string answer;  // the log text, or "success"
+    const char* key;
+    const char* line;  // the key's registry line afterwards
+  } steps[] = {
+      {"update", joe_, "start", "Account is not exist", "joe@pop.local", "-"},
+      {"delete", joe_, "start", "Account is not exist", "joe@pop.local", "-"},
+      {"append", joe_, "start", "success", "joe@pop.local", "joe,pop.local,secret,995,139,1"},
+      {"Append", joe_, "stop", "Account is already exist", "joe@pop.local",
+       "joe,pop.local,secret,995,139,1"},
+      // Another host is another key; the port defaults to 110 and only "stop"
+      // switches polling off.
+      {"APPEND", account("other.host", "joe", "x", "1", nullptr), "Stop", "success",
+       "joe@other.host", "joe,other.host,x,110,1,1"},
+      // A login with "@" is the key itself.
+      {"append", account("pop.a", "ann@mail.org", "pw", "138", nullptr), "stop", "success",
+       "ann@mail.org", "ann@mail.org,pop.a,pw,110,138,0"},
+      {"update", account("pop.local", "joe", "new", "137", "110"), "stop", "success",
+       "joe@pop.local", "joe,pop.local,new,110,137,0"},
+      {"rename", joe_, "stop", "Error config parameter", "joe@pop.local",
+       "joe,pop.local,new,110,137,0"},
+      {"delete", joe_, "stop", "success", "joe@pop.local", "-"}};
+  for (const auto& step : steps) {
+    SCOPED_TRACE(std::string(step.action) + " " + step.key);
+    EXPECT_EQ(Config(step.action, step.account, step.polling),
+              step.answer == "success" ? "ConfigMail/success/" : "ConfigMail/fail/" + step.answer);
+    EXPECT_EQ(Line(step.key), step.line);
+  }
   EXPECT_NE(LogText().find(" Account joe@pop.local is already exist\n"), std::string::npos);
+  wxRecordFile file(profile_);
+  file.SetEncipher(true);
+  ASSERT_EQ(file.CountRecords(), 2);
+  EXPECT_EQ(file.ReadRecord(), "joe,other.host,x,110,1,1");
+  EXPECT_EQ(file.ReadRecord(), "ann@mail.org,pop.a,pw,110,138,0");
 }
 
-TEST_F(CommandDispatcherTest, LoginWithAtSignIsTheKeyAndPortDefaultsTo110) {
-  Config("append", {{"Pop3", "pop.a"}, {"Login", "ann@mail.org"}, {"Pwd", "pw"}, {"Mobile", "138"}},
-         "stop");
-  auto account = registry().Find("ann@mail.org");
-  ASSERT_NE(account, nullptr);
-  EXPECT_EQ(account->port, 110);
-  EXPECT_EQ(account->polling, 0);
-}
-
-TEST_F(CommandDispatcherTest, OnlyLowerCaseStopSwitchesPollingOff) {
-  Config("append", joe_, "Stop");
-  EXPECT_EQ(registry().Find("joe@pop.local")->polling, 1);
-}
-
-TEST_F(CommandDispatcherTest, UpdateChangesCredentialsOfAKnownAccountOnly) {
-  EXPECT_EQ(Config("update", joe_)["Log"], "Account is not exist");
-  Config("append", joe_);
-  auto answer = Config(
-      "update",
-      {{"Pop3", "pop.local"}, {"Port", "110"}, {"Login", "joe"}, {"Pwd", "new"}, {"Mobile", "137"}},
-      "stop");
-  EXPECT_EQ(answer["Status"], "success");
-  EXPECT_EQ(registry().Find("joe@pop.local")->FormatLine(), "joe,pop.local,new,110,137,0");
-}
-
-TEST_F(CommandDispatcherTest, DeleteRemovesTheAccountAndTheProfile) {
-  EXPECT_EQ(Config("delete", joe_)["Log"], "Account is not exist");
-  Config("append", joe_);
-  EXPECT_EQ(Config("delete", joe_)["Status"], "success");
-  EXPECT_EQ(registry().Find("joe@pop.local"), nullptr);
-  EXPECT_FALSE(std::filesystem::exists(accountFile()));
-  EXPECT_TRUE(std::filesystem::exists(accountFile() + ".bak"));
+TEST_F(CommandDispatcherTest, MissingOrHostileFieldsChangeNothing) {
+  // An empty value reads as absent; CR or LF would start a row of its own in
+  // the profile. (A NUL never arrives: the container cuts a value there.)
+  for (const char* name : {"Pop3", "Login", "Pwd", "Mobile"}) {
+    for (std::string change : {"<remove>", "", "x\r\nevil,pop.evil,pw,110,1,1", "x\nevil"}) {
+      Fields account;
+      for (const auto& [field, value] : joe_) {
+        if (field != name) {
+          account.push_back({field, value});
+        } else if (change != "<remove>") {
+          account.push_back({field, change.empty() ? change : *value + change});
+        }
+      }
+      EXPECT_EQ(Config("append", account, "start"),
+                change.find('\n') == std::string::npos
+                    ? "ConfigMail/fail/The parameter of request is not enough"
+                    : "ConfigMail/fail/Error config parameter")
+          << name << " " << change;
+    }
+  }
+  EXPECT_EQ(
+      Send(test::MailRequest(
+          {{"Command", "ConfigMail"}, {"Pop3", "p"}, {"Login", "l"}, {"Pwd", "w"}, {"Mobile", "m"}},
+          {})),
+      "ConfigMail/fail/The parameter of request is not enough");
+  EXPECT_EQ(g_accountRegistry.load()->Count(), 0u);
 }
 
 TEST_F(CommandDispatcherTest, AChangeThatCannotBeSavedIsUndoneAndAnswersFail) {
-  ASSERT_EQ(Config("append", joe_)["Status"], "success");
-  const std::string profile = test::ReadFile(accountFile());
+  ASSERT_EQ(Config("append", joe_, "start"), "ConfigMail/success/");
+  const std::string saved = test::ReadFile(profile_);
   // The save cannot keep its backup: something holds the backup's scratch name.
-  std::filesystem::create_directories(accountFile() + ".bak.new/taken");
-  Fields ann = joe_;
+  std::filesystem::create_directories(profile_ + ".bak.new/taken");
+  Fields ann = joe_, changed = joe_;
   ann[2].second = "ann";
-  Fields joeChanged = joe_;
-  joeChanged[3].second = "changed";
-  EXPECT_EQ(Config("append", ann)["Log"], "Save account file error");
-  EXPECT_EQ(Config("update", joeChanged, "stop")["Log"], "Save account file error");
-  EXPECT_EQ(Config("delete", joe_)["Log"], "Save account file error");
-  EXPECT_EQ(registry().Count(), 1u);
-  ASSERT_NE(registry().Find("joe@pop.local"), nullptr);
-  EXPECT_EQ(registry().Find("joe@pop.local")->FormatLine(), "joe,pop.local,secret,995,139,1");
-  EXPECT_EQ(test::ReadFile(accountFile()), profile);
+  changed[3].second = "changed";
+  for (auto [action, account] : {std::pair{"append", ann}, {"update", changed}, {"delete", joe_}}) {
+    EXPECT_EQ(Config(action, account, "stop"), "ConfigMail/fail/Save account file error") << action;
+  }
+  EXPECT_EQ(g_accountRegistry.load()->Count(), 1u);
+  EXPECT_EQ(Line("joe@pop.local"), "joe,pop.local,secret,995,139,1");
+  EXPECT_EQ(test::ReadFile(profile_), saved);
 }
 
-TEST_F(CommandDispatcherTest, UnknownActionAndMissingFields) {
-  EXPECT_EQ(Config("rename", joe_)["Log"], "Error config parameter");
-  for (const char* missing : {"Pop3", "Login", "Pwd", "Mobile"}) {
-    Fields partial;
-    for (const auto& field : joe_) {
-      if (field.first != missing) partial.push_back(field);
-    }
-    EXPECT_EQ(Config("append", partial)["Log"], "The parameter of request is not enough")
-        << missing;
+// A message not seen before is recorded as known, then announced by the
+// notification program with sender and subject as plain arguments: no shell
+// ever reads what a mail said.
+TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell) {
+  const std::string subject = "$(touch pwned) \"quoted\" `id`;";
+  test::ScopedEnv utc("TZ", "UTC");  // the notice gives the local minute
+  tzset();
+  test::ScriptedPeer pop3(
+      test::Join({test::Pop3Login("joe", "secret"),
+                  test::Pop3Listing(2, "1 seen\r\n2 new\r\n"),
+                  {test::Expect("TOP 2 0\r\n"),
+                   test::Send("+OK\r\nFrom: ann@mail.org\r\nSubject: " + subject +
+                              "\r\nDate: Tue, 14 Nov 2023 22:13:20 +0000\r\n\r\n.\r\n"),
+                   test::Expect("QUIT\r\n"), test::Send("+OK\r\n")},
+                  // The next pass: one message, known by now.
+                  {test::Accept()},
+                  test::Pop3Login("joe", "secret"),
+                  test::Pop3Listing(1, "1 new\r\n"),
+                  {test::Expect("QUIT\r\n"), test::Send("+OK\r\n")}}));
+  Fields account = joe_;
+  account[0].second = "127.0.0.1";
+  account[1].second = std::to_string(pop3.port());
+  ASSERT_EQ(Config("append", account, "start"), "ConfigMail/success/");
+  auto joe = g_accountRegistry.load()->Find("joe@127.0.0.1");
+  joe->knownUids = {"seen"};
+  joe->knownUidsLoaded = true;
+  test::WriteFile(dir_ / "notify",
+                  "#!/bin/sh\nprintf '%s|' \"$@\" > \"$0.part\" && mv \"$0.part\" \"$0.out\"\n");
+  std::filesystem::permissions(dir_ / "notify", std::filesystem::perms::owner_all);
+
+  CheckMailThread check(dir_ / "notify", std::chrono::hours(1));
+  check.CheckAllAccounts(*g_accountRegistry.load());
+  check.CheckAllAccounts(*g_accountRegistry.load());
+  EXPECT_TRUE(pop3.Finish()) << pop3.Errors();
+  for (int i = 0; i < 1000 && !std::filesystem::exists(dir_ / "notify.out"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  // An empty value reads as absent.
-  Fields emptyPassword = joe_;
-  emptyPassword[3].second = "";
-  EXPECT_EQ(Config("append", emptyPassword)["Log"], "The parameter of request is not enough");
-  auto noParameters = Send(Request(
-      {{"Command", "ConfigMail"}, {"Pop3", "p"}, {"Login", "l"}, {"Pwd", "w"}, {"Mobile", "m"}}));
-  EXPECT_EQ(noParameters["Log"], "The parameter of request is not enough");
-  // A field that would start a row of its own in the profile file. (A NUL
-  // never arrives: the container cuts a value there.)
-  for (const char* name : {"Pop3", "Login", "Pwd", "Mobile"}) {
-    for (const char* hostile : {"x\r\nevil,pop.evil,pw,110,1,1", "x\nevil"}) {
-      Fields forged = joe_;
-      for (auto& field : forged) {
-        if (field.first == name) field.second = *field.second + hostile;
-      }
-      EXPECT_EQ(Config("append", forged)["Log"], "Error config parameter") << name;
-    }
+  EXPECT_EQ(test::ReadFile(dir_ / "notify.out"),
+            "139|ann@mail.org|2023-11-14 22:13|" + subject + "|");
+  EXPECT_FALSE(std::filesystem::exists("pwned"));
+  EXPECT_EQ(joe->knownUids, (std::vector<std::string>{"seen", "new"}));
+  EXPECT_NE(test::ReadFile(joe->mailListPath).find("new"), std::string::npos);  // on disk
+  // The logged command line is cut to 4095 bytes.
+  EXPECT_EQ(NotifyCommandLine("/n", "1", "a", "d", "s"), "/n \"1\" \"a\" \"d\" \"s\"");
+  for (size_t size : {4095u, 4096u}) {
+    std::string line = NotifyCommandLine("/n", "1", "a", "d", std::string(size - 17, 's'));
+    EXPECT_EQ(line,
+              ("/n \"1\" \"a\" \"d\" \"" + std::string(size - 17, 's') + "\"").substr(0, 4095));
   }
-  EXPECT_EQ(registry().Count(), 0u);
 }
 
 }  // namespace
