@@ -1,14 +1,10 @@
-// The daily log: line format, what outside text can do to it, days, files
-// and threads.
+// The daily log: line format, what outside text can do to it, days and files.
 #include "base/log_writer.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
-#include <sstream>
-#include <thread>
-#include <vector>
 
 #include "support/temp_dir.h"
 
@@ -18,12 +14,8 @@ namespace {
 // Local time of 2010-01-<day> at hh:mm:ss, so file names do not depend on the zone.
 std::time_t At(int day, int hour, int minute, int second) {
   std::tm parts{};
-  parts.tm_year = 110;
-  parts.tm_mday = day;
-  parts.tm_hour = hour;
-  parts.tm_min = minute;
-  parts.tm_sec = second;
-  parts.tm_isdst = -1;
+  parts.tm_year = 110, parts.tm_mday = day, parts.tm_hour = hour;
+  parts.tm_min = minute, parts.tm_sec = second, parts.tm_isdst = -1;
   return std::mktime(&parts);
 }
 
@@ -106,28 +98,6 @@ TEST_F(LogWriterTest, FilesAreAppendedToAndALineWithoutAFileIsDropped) {
   std::filesystem::create_directory(later);
   missing->Write(kLogInfo, "recovered\n");
   EXPECT_EQ(test::ReadFile(later + "2010-01-29.log"), "2010-01-29 08:00:00 recovered\n");
-}
-
-TEST_F(LogWriterTest, LinesFromManyThreadsNeverInterleave) {
-  auto log = Make(kLogInfo);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&log, t] {
-      for (int i = 0; i < 500; ++i) log->Write(kLogInfo, "thread %d line %d end\n", t, i);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  log.reset();
-  std::istringstream lines(Day(28));
-  int count = 0;
-  for (std::string line; std::getline(lines, line); ++count) {
-    int t = -1, i = -1;
-    char tail[8] = {};
-    ASSERT_EQ(std::sscanf(line.c_str(), "2010-01-28 10:15:00 thread %d line %d %3s", &t, &i, tail),
-              3);
-    EXPECT_STREQ(tail, "end") << line;
-  }
-  EXPECT_EQ(count, 4 * 500);
 }
 
 }  // namespace

@@ -145,12 +145,11 @@ TEST(MimeParserTest, CorpusBodiesAttachmentsAndCharsets) {
 TEST(MimeParserTest, HeaderFieldsStayRawUnfoldedAndInOrder) {
   ParsedMessage message = ParseFile(Corpus("alternative-gb2312-utf8.eml"));
   std::string names;
-  for (const HeaderEntry& entry : message.headers) names += entry.name + "|";
-  EXPECT_EQ(names,
-            "Return-Path: |Received:|Received:|From:|To:|Subject:|Date:|Message-ID:|MIME-Version:|"
-            "Content-Type:|X-Priority: |X-Mailer:|");
-  EXPECT_EQ(message.headers[10].id, kFieldCustom);
-  EXPECT_EQ(message.headers[11].id, kFieldXMailer);
+  for (const HeaderEntry& entry : message.headers) names += entry.name + std::to_string(entry.id);
+  EXPECT_EQ(
+      names,
+      "Return-Path: 21Received:7Received:7From:5To:2Subject:6Date:11Message-ID:1MIME-Version:18"
+      "Content-Type:20X-Priority: 21X-Mailer:16");
   EXPECT_EQ(Field(message, "Subject:"), "=?gb2312?B?u+HS6c2o1qo=?=");
   EXPECT_EQ(Field(message, "To:"),
             "li@example.net, =?utf-8?Q?=E6=9D=8E=E5=9B=9B?= <li4@example.net>");
@@ -199,15 +198,9 @@ TEST(MimeParserTest, CutMailIsReadAsFarAsItGoesAndEmptySourcesFail) {
 }
 
 TEST(MimeParserTest, HostileSizesAreBoundedAndWhatFollowsIsStillRead) {
-  TempDir dir;
-  const std::string line(20 * 1024 * 1024, 'x');
-  test::WriteFile(dir / "body.eml", "From: a@example.com\r\n\r\n" + line);
-  EXPECT_TRUE(ParseFile(dir / "body.eml").textBody->text == line);
-  test::WriteFile(dir / "line.eml", line);
-  EXPECT_EQ(ParseFile(dir / "line.eml").textBody->text.size(), line.size());
   // One endless field is cut to its bound; the fields after it are read.
-  test::WriteFile(dir / "field.eml", "Subject: " + line + "\r\nTo: b@example.com\r\n\r\nbody");
-  ParsedMessage field = ParseFile(dir / "field.eml");
+  const std::string line(4 * limits::kMaxFieldBytes, 'x');
+  ParsedMessage field = ParseText("Subject: " + line + "\r\nTo: b@example.com\r\n\r\nbody");
   const std::string subject = Field(field, "Subject:");
   EXPECT_EQ(subject.size(), limits::kMaxFieldBytes - std::string("Subject: ").size());
   EXPECT_EQ(subject, std::string(subject.size(), 'x'));
@@ -233,24 +226,17 @@ TEST(MimeParserTest, HostileSizesAreBoundedAndWhatFollowsIsStillRead) {
   }
 }
 
-TEST(MimeStreamTest, EveryWriteReachesTheSinkAndEveryReadTheDecoder) {
+// Base64 whose last read is one byte, which with the one before makes the
+// last decoded byte; the closing group has no padding. A refusing sink fails it.
+TEST(MimeStreamTest, EveryReadReachesTheDecoderAndEveryWriteTheSink) {
   EnsureGMimeInitialised();
   std::string received;
   bool accept = true;
-  const TextSink sink = [&](std::string_view bytes) {
+  const TextSink sink = [&](std::string_view bytes) {  // outlives the stream, as it must
     received += bytes;
     return accept;
   };
   GMimeHandle<GMimeStream> out = NewSinkStream(sink);
-  EXPECT_EQ(g_mime_stream_write(out.get(), "x", 1), 1);
-  EXPECT_EQ(g_mime_stream_write(out.get(), "", 0), 0);
-  EXPECT_EQ(g_mime_stream_write(out.get(), "yz", 2), 2);
-  EXPECT_EQ(received, "xyz");
-  accept = false;
-  EXPECT_EQ(g_mime_stream_write(out.get(), "w", 1), -1);
-
-  // Base64 whose last read is one byte, which with the one before makes the
-  // last decoded byte; the closing group has no padding.
   std::string encoded = "\n\n\n", decoded;
   for (int i = 0; i < 16383; ++i) encoded += "QUJD", decoded += "ABC";
   encoded += "QQ";
@@ -261,8 +247,6 @@ TEST(MimeStreamTest, EveryWriteReachesTheSinkAndEveryReadTheDecoder) {
       g_mime_data_wrapper_new_with_stream(source.get(), GMIME_CONTENT_ENCODING_BASE64));
   GMimeHandle<GMimePart> part(g_mime_part_new());
   g_mime_part_set_content(part.get(), wrapper.get());
-  received.clear();
-  accept = true;
   EXPECT_TRUE(DecodePartContent(part.get(), out.get()));
   EXPECT_TRUE(received == decoded + "A") << received.size();
   accept = false;

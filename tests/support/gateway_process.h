@@ -1,9 +1,8 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,18 +10,24 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/temp_dir.h"
 
 namespace corvane::test {
 
+// A TCP socket and 127.0.0.1:port, for the two probes below.
+inline int LoopbackSocket(int port, sockaddr_in& address) {
+  address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return socket(AF_INET, SOCK_STREAM, 0);
+}
+
 // A loopback port that was free a moment ago.
 inline int FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address;
+  const int fd = LoopbackSocket(0, address);
   bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
   socklen_t length = sizeof address;
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -33,12 +38,9 @@ inline int FreePort() {
 // True once something accepts connections on 127.0.0.1:port (within 10 s).
 inline bool WaitForListener(int port) {
   for (int attempt = 0; attempt < 200; ++attempt) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    sockaddr_in address;
+    const int fd = LoopbackSocket(port, address);
+    const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     close(fd);
     if (up) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -57,32 +59,28 @@ class GatewayProcess {
               "[Application]\nport=" + std::to_string(port_) + "\n" + extraConfig);
   }
   ~GatewayProcess() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
   }
 
   // Starts the gateway and, unless told not to, waits until it listens.
   bool Start(bool waitUntilListening = true) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      std::string path = dir_ / "corvane";
+    if ((pid_ = fork()) == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies leaves no gateway behind
+      const std::string path = dir_ / "corvane";
       execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }
     return pid_ > 0 && (!waitUntilListening || WaitForListener(port_));
   }
 
-  // Sends SIGTERM and waits up to `seconds` for the exit; the exit status, or
-  // -1 when the gateway did not stop in time.
+  // Sends SIGTERM and waits up to `seconds` for the exit (see WaitForExit).
   int Stop(int seconds = 30) {
     kill(pid_, SIGTERM);
     return WaitForExit(seconds);
   }
 
   // Waits up to `seconds` for the gateway to exit on its own; the exit
-  // status, or -1 when it is still running.
+  // status, 128 + the signal that ended it, or -1 when it is still running.
   int WaitForExit(int seconds) {
     for (int waited = 0; waited < seconds * 20; ++waited) {
       int status = 0;
@@ -97,10 +95,9 @@ class GatewayProcess {
 
   std::string LogText() const {
     std::string text;
-    if (!std::filesystem::exists(dir_ / "log")) return text;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "log")) {
+    std::error_code none;  // no log directory yet: no text
+    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "log", none))
       text += ReadFile(entry.path());
-    }
     return text;
   }
 

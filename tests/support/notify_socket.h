@@ -1,7 +1,6 @@
 #pragma once
 
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -13,8 +12,8 @@ namespace corvane::test {
 // A datagram socket standing in for systemd's notification socket.
 class NotifySocket {
  public:
-  explicit NotifySocket(const std::string& path) : path_(path) {
-    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  explicit NotifySocket(const std::string& path)
+      : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
@@ -26,13 +25,12 @@ class NotifySocket {
   // The next message, empty when none came within 5 s.
   std::string Next() {
     char buffer[512];
-    ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+    const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
     return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
   }
 
  private:
-  std::string path_;
-  int fd_ = -1;
+  int fd_;
 };
 
 }  // namespace corvane::test

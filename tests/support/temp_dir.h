@@ -16,10 +16,7 @@ class TempDir {
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/corvane-test-XXXXXX";
     path_ = mkdtemp(pattern.data()) ? pattern : std::string();
   }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
+  ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
@@ -28,6 +25,7 @@ class TempDir {
 
  private:
   std::string path_;
+  std::error_code ignored_;
 };
 
 inline void WriteFile(const std::string& path, const std::string& content) {
