@@ -1,0 +1,189 @@
+// The service wrapper on its own (the -v/-i/-u texts and the unit they write
+// into a test unit directory, controls routed to their routines), then the real
+// executable run from a temporary program directory and stopped by SIGTERM.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "base/program_paths.h"
+#include "service/tc_service.h"
+#include "support/command_output.h"
+#include "support/gateway_process.h"
+#include "support/notify_socket.h"
+#include "support/scoped_env.h"
+#include "support/temp_dir.h"
+#include "transport/counted_string.h"
+#include "transport/wx_codec.h"
+
+namespace corvane {
+namespace {
+
+TEST(ServiceArgsTest, InstallReportRemoveTheirRepeatsAndFailures) {
+  test::TempDir units;
+  test::ScopedEnv unitDirectory("CORVANE_SYSTEMD_DIR", units.path());
+  TCService service("Corvane");
+  // Whether the standard-argument handling took one argument, and what it
+  // printed.
+  auto handle = [&](std::string argument) {
+    char program[] = "corvane";
+    char* argv[] = {program, argument.data(), nullptr};
+    FILE* out = std::tmpfile();
+    int handled = service.ParseStandardArgs(argument.empty() ? 1 : 2, argv, out);
+    std::string text(static_cast<size_t>(std::ftell(out)), '\0');
+    std::rewind(out);
+    text.resize(std::fread(text.data(), 1, text.size(), out));
+    std::fclose(out);
+    return std::to_string(handled) + " " + text;
+  };
+  const std::string executable = ExecutablePath(), unit = units / "corvane.service";
+  EXPECT_EQ(handle("-v"), "1 Corvane Version 3.0\nThe service is not installed\n");
+  EXPECT_EQ(handle("-u"), "1 Corvane is not installed\n");
+  EXPECT_EQ(handle("-i"), "1 Corvane installed\n");
+  EXPECT_EQ(service.LastEvent(), TCService::kEventInstalled);
+  for (std::string line :
+       {"ExecStart=" + executable, std::string("Restart=on-failure"), std::string("Type=notify"),
+        "WorkingDirectory=" + ProgramDirectoryFromPath(executable)}) {
+    EXPECT_NE(test::ReadFile(unit).find("\n" + line + "\n"), std::string::npos) << line;
+  }
+  test::WriteFile(unit, "edited by hand\n");  // a second install changes nothing
+  EXPECT_EQ(handle("-I"), "1 Corvane is already installed\n");
+  EXPECT_EQ(test::ReadFile(unit), "edited by hand\n");
+  EXPECT_EQ(handle("-V"), "1 Corvane Version 3.0\nThe service is currently installed\n");
+  EXPECT_EQ(handle("-U"),
+            "1 Corvane removed. (You must delete the file (" + executable + ") yourself.)\n");
+  EXPECT_FALSE(std::filesystem::exists(unit));
+  EXPECT_EQ(service.LastEvent(), TCService::kEventRemoved);
+  // A "unit" that cannot be removed: a directory with something in it.
+  std::filesystem::create_directories(unit + "/inside");
+  EXPECT_EQ(handle("-u"), "1 Could not remove Corvane. Error 39\n");
+  EXPECT_EQ(service.LastEvent(), TCService::kEventNotRemoved);
+  test::ScopedEnv missing("CORVANE_SYSTEMD_DIR", units / "no/such/dir");
+  EXPECT_EQ(handle("-i"), "1 Corvane failed to install. Error 2\n");
+  EXPECT_TRUE(handle("-x").starts_with("1 Corvane Service.\n\n*   -v, report"));  // the usage
+  EXPECT_EQ(handle(""), "0 ");
+}
+
+// Records which routines ran, with the state at the stop.
+struct RecordingService : TCService {
+  RecordingService() : TCService("Corvane") {}
+  void Run() override {}
+  void OnStop() override { calls += "OnStop@" + std::to_string(CurrentState()) + " "; }
+  void OnPause() override { calls += "OnPause "; }
+  void OnContinue() override { calls += "OnContinue "; }
+  void OnInterrogate() override { calls += "OnInterrogate "; }
+  void OnShutdown() override { calls += "OnShutdown "; }
+  bool OnUserControl(unsigned long code) override {
+    calls += "OnUserControl " + std::to_string(code) + " ";
+    return TCService::OnUserControl(code);
+  }
+  std::string calls;
+};
+
+// A stop by SIGTERM is shown on the real executable below.
+TEST(ServiceControlTest, ControlsReachTheirRoutinesAndTheStopIsWhatSystemdHears) {
+  test::TempDir dir;
+  test::NotifySocket systemd(dir / "notify");
+  test::ScopedEnv notifySocket("NOTIFY_SOCKET", dir / "notify");
+  RecordingService service;
+  const int initial = service.LastEvent();
+  for (unsigned long control : {TCService::kControlPause, TCService::kControlContinue,
+                                TCService::kControlInterrogate, TCService::kControlShutdown}) {
+    service.Handler(control);
+  }
+  EXPECT_EQ(service.LastEvent(), initial);
+  service.Handler(200);
+  EXPECT_EQ(service.LastEvent(), TCService::kEventNotHandled);
+  service.Handler(7);  // below the user range, no routine at all
+  service.Handler(TCService::kControlStop);
+  EXPECT_TRUE(systemd.Next().starts_with("STOPPING=1"));
+  EXPECT_EQ(service.calls,
+            "OnPause OnContinue OnInterrogate OnShutdown OnUserControl 200 OnStop@3 ");
+  EXPECT_EQ(service.LastEvent(), TCService::kEventStopped);
+  EXPECT_FALSE(service.IsRunning());
+}
+
+// A switch that only prints still sets up the program directory, and the log
+// says what the program is about to do.
+TEST(StartupTest, ASwitchSetsUpTheProgramDirectoryAndLogsWhatItIsAboutToDo) {
+  test::GatewayProcess gateway;
+  test::CommandOutput run = test::RunCommand("'" + (gateway.dir() / "corvane") + "' -x");
+  EXPECT_EQ(run.status, 0) << run.output;
+  for (const char* name : {"temp", "log", "cache"}) {
+    EXPECT_TRUE(std::filesystem::is_directory(gateway.dir() / name)) << name;
+  }
+  const std::string log = gateway.LogText();
+  EXPECT_NE(log.find(" Corvaine starting on port " + std::to_string(gateway.port()) +
+                     "... \xB5\xC8\xB4\xFD\xBD\xD3\xCA\xD5\xC7\xEB\xC7\xF3\xA3\xBA\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find(" Accounts profile is not exist.\n"), std::string::npos);
+  EXPECT_EQ(log.find("Destroy global variables."), std::string::npos);  // a debug line
+}
+
+TEST(GatewayRunTest, ReadyOnceThePortAcceptsSigtermEndsItAndATakenPortExitsWithOne) {
+  test::TempDir dir;
+  test::NotifySocket systemd(dir / "notify");
+  test::ScopedEnv notify("NOTIFY_SOCKET", (dir / "notify").c_str());
+  test::GatewayProcess gateway("log_level=debug\n");
+  ASSERT_TRUE(gateway.Start(false));
+  EXPECT_EQ(systemd.Next().rfind("READY=1", 0), 0u);
+  EXPECT_TRUE(test::WaitForListener(gateway.port()));  // at once: the port was bound first
+
+  // A second gateway on the port that is taken: no READY, and a status a
+  // supervisor retries on.
+  test::GatewayProcess second;
+  test::WriteFile(second.dir() / "config.ini",
+                  "[Application]\nport=" + std::to_string(gateway.port()) + "\n");
+  ASSERT_TRUE(second.Start(false));
+  EXPECT_EQ(second.WaitForExit(30), 1);
+  EXPECT_NE(second.LogText().find("Cannot listen on port " + std::to_string(gateway.port())),
+            std::string::npos);
+
+  EXPECT_EQ(gateway.Stop(), 0);
+  EXPECT_EQ(systemd.Next().rfind("STOPPING=1", 0), 0u);  // and nothing from the second
+  for (const char* line : {" Program terminal\n", " Destroy global variables.\n"}) {
+    EXPECT_NE(gateway.LogText().find(line), std::string::npos) << line;
+  }
+}
+
+// A raw client on the gateway's port that sends one request; reads wait 10 s.
+struct RawClient {
+  explicit RawClient(int port) {
+    sockaddr_in address;
+    fd = test::LoopbackSocket(port, address);
+    timeval limit{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    std::string frame = CountedString::Encode(wxCodec::Encode("x"));
+    send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+  }
+  ~RawClient() { close(fd); }
+  ssize_t Read() {
+    char chunk[4096];
+    return recv(fd, chunk, sizeof chunk, 0);
+  }
+  bool Closed() {
+    ssize_t n;
+    while ((n = Read()) > 0) continue;
+    return n == 0 || errno == ECONNRESET;
+  }
+  int fd;
+};
+
+TEST(GatewayRunTest, FiftyConnectionsAreServedTheNextIsClosedAndSigtermClosesAll) {
+  test::GatewayProcess gateway;
+  ASSERT_TRUE(gateway.Start());
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 50; ++i) {
+    clients.push_back(std::make_unique<RawClient>(gateway.port()));
+    ASSERT_GT(clients.back()->Read(), 0) << i;
+  }
+  EXPECT_LE(RawClient(gateway.port()).Read(), 0);  // closed or never answered
+  EXPECT_EQ(gateway.Stop(), 0);
+  for (auto& client : clients) EXPECT_TRUE(client->Closed());
+}
+
+}  // namespace
+}  // namespace corvane
