@@ -130,6 +130,10 @@ TEST(GatewayRunTest, ReadyOnceThePortAcceptsSigtermEndsItAndATakenPortExitsWithO
   ASSERT_TRUE(gateway.Start(false));
   EXPECT_EQ(systemd.Next().rfind("READY=1", 0), 0u);
   EXPECT_TRUE(test::WaitForListener(gateway.port()));  // at once: the port was bound first
+  // The new-mail check runs its first pass once the port is bound.
+  for (int i = 0; i < 200 && gateway.LogText().find("Start check mail") == std::string::npos; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_NE(gateway.LogText().find(" [Corvane] Start check mail\n"), std::string::npos);
 
   // A second gateway on the port that is taken: no READY, and a status a
   // supervisor retries on.
