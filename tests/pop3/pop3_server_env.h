@@ -7,47 +7,34 @@
 
 namespace corvane::test {
 
-// What tests/servers/pop3-server start wrote into pop3.env about the private
-// dovecot: ports, the CA files, the log, and per mailbox role (SMALL, BULK,
-// BIG, EMPTY, SCRATCH, CORPUS, DROP, NOTIFY) its user, password and maildir.
+// The "KEY=value" lines a test server's start script wrote (pop3.env: ports,
+// CA files, the log, and per mailbox role such as SMALL or BULK its user,
+// password and maildir), from the file $`override` names, else `defaultPath`.
 class Pop3ServerEnv {
  public:
   struct Account {
-    std::string user;
-    std::string password;
-    std::string maildir;
+    std::string user, password, maildir;
   };
-
-  // Reads the file named by the variable `override` ($CORVANE_POP3_ENV), else
-  // `defaultPath`. The other test servers write env files of the same form.
-  explicit Pop3ServerEnv(const std::string& defaultPath,
-                         const char* override = "CORVANE_POP3_ENV") {
-    const char* named = std::getenv(override);
-    path_ = named && *named ? named : defaultPath;
+  explicit Pop3ServerEnv(const std::string& defaultPath, const char* override = "CORVANE_POP3_ENV")
+      : path_(std::getenv(override) && *std::getenv(override) ? std::getenv(override)
+                                                              : defaultPath) {
     std::ifstream in(path_);
-    std::string line;
-    while (std::getline(in, line)) {
-      size_t equals = line.find('=');
-      if (equals != std::string::npos) values_[line.substr(0, equals)] = line.substr(equals + 1);
+    for (std::string line; std::getline(in, line);) {
+      if (size_t at = line.find('='); at != std::string::npos)
+        values_[line.substr(0, at)] = line.substr(at + 1);
     }
   }
-
   // True when the file was there with the keys every user of it needs.
   bool ok() const {
-    for (const char* key : {"POP3_HOST", "POP3_PORT", "POP3S_PORT", "CA_FILE", "LOG_FILE"}) {
-      if (Get(key).empty()) return false;
-    }
-    return true;
+    return !(Get("POP3_HOST").empty() || Get("POP3_PORT").empty() || Get("POP3S_PORT").empty() ||
+             Get("CA_FILE").empty() || Get("LOG_FILE").empty());
   }
   const std::string& path() const { return path_; }
-
-  // The value of `key`, empty when the file does not have it.
   std::string Get(const std::string& key) const {
-    auto found = values_.find(key);
-    return found == values_.end() ? std::string() : found->second;
+    return values_.contains(key) ? values_.at(key) : std::string();
   }
   unsigned Port(const std::string& key) const {
-    return static_cast<unsigned>(std::strtoul(Get(key).c_str(), nullptr, 10));
+    return std::strtoul(Get(key).c_str(), nullptr, 10);
   }
   Account Mailbox(const std::string& role) const {
     return {Get(role + "_USER"), Get(role + "_PASS"), Get(role + "_MAILDIR")};

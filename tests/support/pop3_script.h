@@ -21,16 +21,9 @@ inline std::vector<Step> Pop3Exchange(
     const std::vector<std::pair<std::string, std::string>>& commandsAndReplies) {
   std::vector<Step> steps;
   for (const auto& [command, reply] : commandsAndReplies) {
-    steps.push_back(Expect(command + "\r\n"));
-    steps.push_back(Send(reply));
+    steps.insert(steps.end(), {Expect(command + "\r\n"), Send(reply)});
   }
   return steps;
-}
-
-// A login as joe, then `exchange`, then `more` steps.
-inline std::vector<Step> Pop3Session(
-    const std::vector<std::pair<std::string, std::string>>& exchange, std::vector<Step> more = {}) {
-  return Join({Pop3Login(), Pop3Exchange(exchange), std::move(more)});
 }
 
 // STAT answered with `count` messages and, when there are any, UIDL with

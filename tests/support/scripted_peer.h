@@ -1,9 +1,7 @@
 #pragma once
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,7 +11,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -26,28 +23,24 @@
 namespace corvane::test {
 
 // A server for one test on 127.0.0.1 (an ephemeral port) that plays a script
-// against the client under test: expect a line, send bytes, pause, close.
-// What it receives is recorded and the first departure from the script ends
-// it with an error, so a test asserts on the conversation:
-//
-//   ScriptedPeer peer({Send("+OK ready\r\n"), Expect("USER joe\r\n"), Close()});
-//   client.Connect(peer.port(), "127.0.0.1", 5);
-//   EXPECT_TRUE(peer.Finish()) << peer.Errors();
-//
-// Every wait is bounded, so a client that says nothing, or too much, fails
-// the test instead of hanging it. After the last step an open connection is
-// held until the client closes it or Finish is called.
+// against the client under test (expect bytes, send bytes, pause, close),
+// records what it receives and ends at the first departure from the script
+// with an error: EXPECT_TRUE(peer.Finish()) << peer.Errors(). Every wait is
+// bounded, so a client that says nothing, or too much, fails the test instead
+// of hanging it. After the last step an open connection is held until the
+// client closes it or Finish is called.
 
 inline std::string Printable(std::string_view bytes, size_t limit = 200) {
-  std::string out;
-  for (size_t i = 0; i < bytes.size() && i < limit; ++i) {
-    unsigned char c = static_cast<unsigned char>(bytes[i]);
-    char hex[8];
-    std::snprintf(hex, sizeof hex, "\\x%02x", c);
-    out += c == '\r' ? "\\r" : c == '\n' ? "\\n" : c < 32 || c > 126 ? hex : std::string(1, c);
+  std::string out = "\"";
+  for (unsigned char c : bytes.substr(0, limit)) {
+    std::string hex = {'\\', 'x', "0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+    out += c == '\r'           ? "\\r"
+           : c == '\n'         ? "\\n"
+           : c < 32 || c > 126 ? hex
+                               : std::string(1, char(c));
   }
   if (bytes.size() > limit) out += "...(" + std::to_string(bytes.size()) + " bytes)";
-  return "\"" + out + "\"";
+  return out + "\"";
 }
 
 inline int64_t PeerNowMs() {
@@ -59,57 +52,55 @@ inline int64_t PeerNowMs() {
 class PeerStream {
  public:
   virtual ~PeerStream() = default;
-  // Bytes read (> 0), 0 when the client has closed, -1 when nothing came
-  // within `waitMs` or the connection failed.
+  // Bytes read (> 0), 0 when the client has closed, -1 on time-out or failure.
   virtual int Read(char* buffer, int length, int waitMs) = 0;
   virtual bool Write(std::string_view bytes) = 0;  // all of it, or false
   virtual void Shutdown() {}                       // the polite end (TLS: close_notify)
 };
 
-// One accepted connection as the script's steps see it.
+// One accepted connection as the script's steps see it; every byte it reads
+// is also added to `received` under `mutex`.
 class PeerSession {
  public:
-  explicit PeerSession(int socket) : socket_(socket) {}
+  PeerSession(int socket, std::mutex& mutex, std::string& received)
+      : socket_(socket), mutex_(mutex), received_(received) {}
   ~PeerSession() { CloseSocket(false); }
   PeerSession(const PeerSession&) = delete;
   PeerSession& operator=(const PeerSession&) = delete;
 
   int socket() const { return socket_; }
   bool open() const { return socket_ >= 0; }
-  // Bytes read but not yet taken by a step.
-  const std::string& pending() const { return pending_; }
+  const std::string& pending() const { return pending_; }  // read, not yet taken
   void ReplaceStream(std::unique_ptr<PeerStream> stream) { stream_ = std::move(stream); }
-  // Everything received so far, in order (safe to call from another thread).
-  std::string Received() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
-  }
 
+  // Reads until `ready` (of the pending bytes) says how many to take (>= 0,
+  // true) or to give up (-2); a time-out, a close or giving up leave all
+  // that came in `out` (false).
+  bool Take(std::string& out, int waitMs, const std::function<long(const std::string&)>& ready) {
+    int64_t deadline = PeerNowMs() + waitMs;
+    long count;
+    while ((count = ready(pending_)) == -1 && ReadSome(deadline) > 0) {
+    }
+    size_t taken = count >= 0 ? static_cast<size_t>(count) : pending_.size();
+    out = pending_.substr(0, taken);
+    pending_.erase(0, taken);
+    return count >= 0;
+  }
   // Takes one line, through its line feed. False (with what did come in
   // `line`) on time-out, close, or when `limit` bytes came without a line feed.
   bool ReadLine(std::string& line, int waitMs, size_t limit = 64 * 1024) {
-    int64_t deadline = PeerNowMs() + waitMs;
-    for (size_t end; (end = pending_.find('\n')) == std::string::npos;) {
-      if (pending_.size() >= limit || ReadSome(deadline) <= 0) return Take(pending_.size(), line);
-    }
-    return !Take(pending_.find('\n') + 1, line);
+    return Take(line, waitMs, [limit](const std::string& in) -> long {
+      size_t end = in.find('\n');
+      return end != std::string::npos ? static_cast<long>(end + 1) : in.size() >= limit ? -2 : -1;
+    });
   }
-  // Takes exactly `count` bytes; false (with what did come) otherwise.
-  bool ReadExactly(size_t count, std::string& out, int waitMs) {
-    int64_t deadline = PeerNowMs() + waitMs;
-    while (pending_.size() < count) {
-      if (ReadSome(deadline) <= 0) return Take(pending_.size(), out);
-    }
-    return !Take(count, out);
-  }
-  // Reads until the client closes (true) or the wait ends; what came is
-  // left in `rest`.
+  // Reads until the client closes (true) or the wait ends; what came is in `rest`.
   bool ReadToClose(std::string& rest, int waitMs) {
     int64_t deadline = PeerNowMs() + waitMs;
     int got;
     while ((got = ReadSome(deadline)) > 0) {
     }
-    Take(pending_.size(), rest);
+    rest = std::exchange(pending_, "");
     return got == 0;
   }
 
@@ -123,8 +114,7 @@ class PeerSession {
     return true;
   }
 
-  // Closes the connection: politely (FIN after the stream's own end) or with
-  // a reset.
+  // Closes the connection: politely (FIN after the stream's own end) or with a reset.
   void CloseSocket(bool reset) {
     if (socket_ < 0) return;
     linger hard{1, 0};
@@ -136,12 +126,6 @@ class PeerSession {
   }
 
  private:
-  // Moves the first `count` pending bytes to `out`; false.
-  bool Take(size_t count, std::string& out) {
-    out = pending_.substr(0, count);
-    pending_.erase(0, count);
-    return false;
-  }
   // Reads once into pending_: > 0 bytes, 0 closed, -1 time-out or failure.
   int ReadSome(int64_t deadline) {
     char chunk[16384];
@@ -162,10 +146,10 @@ class PeerSession {
   }
 
   int socket_;
+  std::mutex& mutex_;
+  std::string& received_;
   std::unique_ptr<PeerStream> stream_;
   std::string pending_;
-  mutable std::mutex mutex_;
-  std::string received_;
 };
 
 // One step of a script: an action on the connection, false (with a message
@@ -182,20 +166,18 @@ inline Step Do(std::function<bool(PeerSession&, std::string& error)> action) {
   return {std::move(action)};
 }
 // The client sends exactly `bytes`. Text ending in a line feed is read line
-// by line (so a different line is reported as soon as its line feed
-// arrives); other text as that many bytes.
+// by line, so that a different line is reported as soon as its line feed
+// arrives; other text as that many bytes.
 inline Step Expect(std::string bytes, int waitMs = kPeerWaitMs) {
   return Do([bytes, waitMs](PeerSession& session, std::string& error) {
-    std::string got;
-    bool whole = true;
-    if (!bytes.ends_with('\n')) whole = session.ReadExactly(bytes.size(), got, waitMs);
-    for (size_t at = 0; bytes.ends_with('\n') && whole && at < bytes.size() &&
-                        bytes.starts_with(got);) {  // stops at the first line that differs
-      size_t end = bytes.find('\n', at) + 1;
-      std::string line;
-      whole = session.ReadLine(line, waitMs, end - at + 4096);
+    std::string got, line;
+    bool lines = bytes.ends_with('\n');
+    bool whole = lines || session.Take(got, waitMs, [&bytes](const std::string& in) -> long {
+      return in.size() >= bytes.size() ? static_cast<long>(bytes.size()) : -1;
+    });
+    while (lines && whole && got.size() < bytes.size() && bytes.starts_with(got)) {
+      whole = session.ReadLine(line, waitMs, bytes.find('\n', got.size()) + 1 - got.size() + 4096);
       got += line;
-      at = end;
     }
     if (whole && got == bytes) return true;
     error = "expected " + Printable(bytes) + ", got " + Printable(got) +
@@ -215,15 +197,12 @@ inline Step Pause(int ms) {
     return true;
   });
 }
-// The peer closes the connection (FIN), or drops it with a reset.
+// The peer closes the connection (FIN), or with `reset` drops it (RST).
 inline Step Close(bool reset = false) {
   return Do([reset](PeerSession& session, std::string&) {
     session.CloseSocket(reset);
     return true;
   });
-}
-inline Step Reset() {
-  return Close(true);
 }
 // The client closes the connection: having sent nothing more (ExpectClose),
 // or whatever it sends (Drain, see Received).
@@ -246,8 +225,7 @@ inline Step Accept(int waitMs = kPeerWaitMs) {
   return {nullptr, waitMs};
 }
 // Writes `first`, then `piece` again and again (`pauseMs` apart) until the
-// client shuts the connection, or for about a minute of pauses, or a million
-// times.
+// client shuts the connection, or for about a minute of pauses, or a million times.
 inline Step Repeat(std::string first, std::string piece, int pauseMs = 0) {
   return Do([first, piece, pauseMs](PeerSession& session, std::string&) {
     session.Write(first);
@@ -322,7 +300,6 @@ class ScriptedPeer {
   ScriptedPeer& operator=(const ScriptedPeer&) = delete;
 
   uint16_t port() const { return port_; }
-
   // Waits for the script to end (each step is bounded), ends the hold of a
   // connection still open, and reports whether every step went as written.
   bool Finish() {
@@ -337,31 +314,30 @@ class ScriptedPeer {
   // Every byte received, over all connections, in order.
   std::string Received() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return received_ + (session_ ? session_->Received() : std::string());
+    return received_;
   }
-  // Connections accepted so far.
-  int Connections() const { return connections_.load(); }
+  int Connections() const { return connections_.load(); }  // accepted so far
 
  private:
   void Play() {
-    // A write to a client that has gone must fail the step, not kill the
-    // test program.
+    // A write to a client that has gone must fail the step, not kill the test program.
     sigset_t pipe;
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     std::string error = listener_ < 0 ? "cannot listen on 127.0.0.1" : "";
     for (size_t i = 0; error.empty() && i < script_.size(); ++i) {
+      std::string at = "step " + std::to_string(i) + ": ";
       if (script_[i].acceptWaitMs >= 0) {
         if (!AcceptOne(script_[i].acceptWaitMs)) {
           error = i == 0 ? "no client connected within " + std::to_string(script_[i].acceptWaitMs) +
                                " ms"
-                         : "step " + std::to_string(i) + ": no further client connected";
+                         : at + "no further client connected";
         }
       } else if (!session_->open()) {
-        error = "step " + std::to_string(i) + ": the connection is already closed";
+        error = at + "the connection is already closed";
       } else if (!script_[i].action(*session_, error)) {
-        error = "step " + std::to_string(i) + ": " + (error.empty() ? "custom step failed" : error);
+        error = at + (error.empty() ? "custom step failed" : error);
       }
     }
     // Holds an open connection until the client closes it or Finish is called.
@@ -369,30 +345,19 @@ class ScriptedPeer {
     while (error.empty() && session_ && session_->open() && !finishing_ &&
            !session_->ReadToClose(rest, 50)) {
     }
-    EndSession();
+    session_.reset();
     std::lock_guard<std::mutex> lock(mutex_);
     errors_ += error.empty() ? "" : error + "\n";
   }
 
   bool AcceptOne(int waitMs) {
-    EndSession();
+    session_.reset();
     pollfd entry{listener_, POLLIN, 0};
     int socket =
         ::poll(&entry, 1, waitMs) > 0 ? ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-    if (socket < 0) return false;
-    std::lock_guard<std::mutex> lock(mutex_);
-    session_ = std::make_unique<PeerSession>(socket);
-    ++connections_;
-    return true;
-  }
-
-  void EndSession() {
-    std::unique_ptr<PeerSession> ended;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (session_) received_ += session_->Received();
-      ended = std::move(session_);
-    }
+    if (socket >= 0)
+      session_ = std::make_unique<PeerSession>(socket, mutex_, received_), ++connections_;
+    return socket >= 0;
   }
 
   std::vector<Step> script_;
@@ -401,9 +366,8 @@ class ScriptedPeer {
   std::atomic<bool> finishing_{false};
   std::atomic<int> connections_{0};
   std::thread thread_;
-  mutable std::mutex mutex_;  // errors_, received_ and the session pointer
-  std::string errors_;
-  std::string received_;
+  mutable std::mutex mutex_;  // errors_ and received_
+  std::string errors_, received_;
   std::unique_ptr<PeerSession> session_;
 };
 

@@ -1,10 +1,8 @@
 #pragma once
 
 #include <openssl/err.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <sys/socket.h>
 
@@ -13,50 +11,37 @@
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "support/scripted_peer.h"
 
 namespace corvane::test {
 
-template <auto Free>
-struct OpenSslFree {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-using X509Ptr = std::unique_ptr<X509, OpenSslFree<X509_free>>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, OpenSslFree<EVP_PKEY_free>>;
 using SslCtxPtr = std::shared_ptr<SSL_CTX>;
 
-// A server certificate with its key.
+// A server certificate with its key (EC P-256: made in milliseconds).
 struct TestCert {
-  X509Ptr cert;
-  PkeyPtr key = PkeyPtr(EVP_EC_gen("P-256"));
+  std::shared_ptr<X509> cert;
+  std::shared_ptr<EVP_PKEY> key{EVP_EC_gen("P-256"), EVP_PKEY_free};
 };
 
-// A certificate authority made at test time (EC P-256 keys, so it takes
-// milliseconds) that issues server certificates with any names and dates,
-// for tests that need a trusted, an untrusted, an expired or a wrong-host
-// server. Its certificate goes into `directory` (a TempDir the test owns),
-// for the client's trust store.
+// A certificate authority made at test time that issues server certificates
+// with any names and dates; its certificate goes into `directory` (a TempDir
+// the test owns), for the client's trust store.
 class TestCa {
  public:
   explicit TestCa(const std::string& directory, const std::string& name = "Corvane test CA") {
-    self_.cert = NewCert(name, -1, 3650, "critical,CA:TRUE", NID_basic_constraints);
+    self_.cert = NewCert(name, -1, 3650, "critical,CA:TRUE", NID_basic_constraints, nullptr);
     caFile_ = directory + "/ca-" + std::to_string(reinterpret_cast<uintptr_t>(this)) + ".pem";
     if (FILE* file = std::fopen(caFile_.c_str(), "w")) {
       PEM_write_X509(file, self_.cert.get());
       std::fclose(file);
     }
   }
-
   const std::string& CaFile() const { return caFile_; }
 
-  // A server certificate for `commonName` with the subject alternative
-  // names `sans` ("DNS:localhost,IP:127.0.0.1"), valid from `notBeforeDays`
-  // to `notAfterDays` days from now.
+  // A certificate for `commonName` with the subject alternative names `sans`
+  // ("DNS:localhost,IP:127.0.0.1"), valid from `notBeforeDays` to
+  // `notAfterDays` days from now.
   TestCert Issue(const std::string& commonName, const std::string& sans, long notBeforeDays = -1,
                  long notAfterDays = 365) {
     TestCert out;
@@ -67,11 +52,12 @@ class TestCa {
   TestCert IssueLocalhost() { return Issue("localhost", "DNS:localhost,IP:127.0.0.1"); }
 
  private:
-  // A certificate signed by this CA (by itself while there is none yet)
-  // with the one extension `nid` of `value`, for `key` (null: the CA's).
-  X509Ptr NewCert(const std::string& commonName, long notBeforeDays, long notAfterDays,
-                  const std::string& value, int nid, EVP_PKEY* key = nullptr) {
-    X509Ptr cert(X509_new());
+  // Signed by this CA (by itself while there is none yet), with the one
+  // extension `nid` of `value`, for `key` (null: the CA's).
+  std::shared_ptr<X509> NewCert(const std::string& commonName, long notBeforeDays,
+                                long notAfterDays, const std::string& value, int nid,
+                                EVP_PKEY* key) {
+    std::shared_ptr<X509> cert(X509_new(), X509_free);
     X509* issuer = self_.cert ? self_.cert.get() : cert.get();
     X509_set_version(cert.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), ++serial_);
@@ -98,44 +84,40 @@ class TestCa {
   std::string caFile_;
 };
 
-// A server context presenting `cert`.
+// A server context presenting `cert`; a close without close_notify counts.
 inline SslCtxPtr ServerContext(const TestCert& cert) {
   SslCtxPtr ctx(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
   SSL_CTX_use_certificate(ctx.get(), cert.cert.get());
   SSL_CTX_use_PrivateKey(ctx.get(), cert.key.get());
-  // A client that closes without close_notify has still closed.
   SSL_CTX_set_options(ctx.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
   return ctx;
 }
 
-// The peer's stream after a server-side TLS handshake. Each call waits at
-// most as the script says, through the socket's own time-outs.
+// The peer's stream after a server-side TLS handshake; waits are bounded
+// through the socket's own time-outs.
 class TlsPeerStream : public PeerStream {
  public:
   TlsPeerStream(SslCtxPtr ctx, int socket) : ctx_(std::move(ctx)), socket_(socket) {
     SSL_set_fd(ssl_.get(), socket_);
   }
-  // True when the handshake finished within `waitMs`.
   bool Accept(int waitMs) { return Limit(SO_RCVTIMEO, waitMs) && SSL_accept(ssl_.get()) == 1; }
   int Read(char* buffer, int length, int waitMs) override {
     int n = Limit(SO_RCVTIMEO, waitMs) ? SSL_read(ssl_.get(), buffer, length) : -1;
-    if (n > 0) return n;
-    int error = SSL_get_error(ssl_.get(), n);
+    int error = n > 0 ? SSL_ERROR_NONE : SSL_get_error(ssl_.get(), n);
     bool closed = error == SSL_ERROR_ZERO_RETURN ||
                   (error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0 && errno != EAGAIN);
     ERR_clear_error();
-    return closed ? 0 : -1;
+    return n > 0 ? n : closed ? 0 : -1;
   }
   bool Write(std::string_view bytes) override {
-    Limit(SO_SNDTIMEO, 10000);
     size_t written = 0;
-    bool done = bytes.empty() || SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written);
+    bool done = Limit(SO_SNDTIMEO, 10000) &&
+                (bytes.empty() || SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written));
     ERR_clear_error();
     return done;
   }
   void Shutdown() override {
-    Limit(SO_SNDTIMEO, 1000);
-    SSL_shutdown(ssl_.get());
+    if (Limit(SO_SNDTIMEO, 1000)) SSL_shutdown(ssl_.get());
     ERR_clear_error();
   }
 
@@ -149,25 +131,23 @@ class TlsPeerStream : public PeerStream {
 
   SslCtxPtr ctx_;
   int socket_;
-  std::unique_ptr<SSL, OpenSslFree<SSL_free>> ssl_{SSL_new(ctx_.get())};
+  std::unique_ptr<SSL, decltype(&SSL_free)> ssl_{SSL_new(ctx_.get()), SSL_free};
 };
 
 enum class Handshake { kMustSucceed, kMustFail };
 
-// A script step: the server side of a TLS handshake with `ctx`; afterwards
-// the script speaks through TLS. With kMustFail a failed handshake is the
-// expected outcome and the script goes on over the bare socket (so that
-// ExpectClose can check the client sent nothing more in the clear).
+// The server side of a TLS handshake with `ctx`; afterwards the script speaks
+// through TLS. With kMustFail a failed handshake is expected and the script
+// goes on over the bare socket (so that ExpectClose can check the client
+// sent nothing more in the clear).
 inline Step TlsAccept(SslCtxPtr ctx, Handshake outcome = Handshake::kMustSucceed,
                       int waitMs = kPeerWaitMs) {
   return Do([ctx = std::move(ctx), outcome, waitMs](PeerSession& session, std::string& error) {
+    auto stream = std::make_unique<TlsPeerStream>(ctx, session.socket());
+    bool done = session.pending().empty() && stream->Accept(waitMs);
     if (!session.pending().empty()) {
       error = "bytes arrived before the handshake: " + Printable(session.pending());
-      return false;
-    }
-    auto stream = std::make_unique<TlsPeerStream>(ctx, session.socket());
-    bool done = stream->Accept(waitMs);
-    if (done == (outcome == Handshake::kMustFail)) {
+    } else if (done == (outcome == Handshake::kMustFail)) {
       error =
           done ? "the TLS handshake succeeded but should have failed" : "the TLS handshake failed";
     } else if (done) {
