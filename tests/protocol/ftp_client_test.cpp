@@ -67,6 +67,8 @@ TEST_F(FtpClientTest, TheGreetingThenEachLoginStepHasItsCode) {
   const std::pair<std::vector<Step>, int> cases[] = {
       {Dialogue("S: 220 ready\nC: USER up\nS: 530 no"), kNetUserRejected},
       {Dialogue(password + "S: 530 wrong"), kNetPassRejected},
+      {Dialogue(password), kNetNoResponse},  // closed without a word
+      {Dialogue(account), kNetNoResponse},
       {Dialogue(account + "S: 530 no"), kNetAcctRejected},
       {Dialogue(account + "S: 230 in\n" + settings), 0},
       {Join({Dialogue("S: 220 ready\nC: USER up"), {Pause(3000)}}), kNetNoResponse},
