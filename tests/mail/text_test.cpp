@@ -1,10 +1,10 @@
-// The text utilities: entities, HTML to text, squeezing, shortening, dates,
-// the pattern engine and address lists, each as one table of edge cases.
+// The text utilities: HTML to text, header text, file names, charsets, dates
+// and address lists, each as a table of edge cases.
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mail/address_list.h"
@@ -13,7 +13,6 @@
 #include "mail/html_entities.h"
 #include "mail/html_to_text.h"
 #include "mail/mail_date.h"
-#include "mail/pattern.h"
 #include "mail/text_helpers.h"
 #include "mail/text_shortening.h"
 #include "support/scoped_env.h"
@@ -26,12 +25,11 @@ using Cases = std::vector<std::pair<std::string, std::string>>;
 // Every input against its expected output.
 template <typename Function>
 void ExpectEach(Function function, const Cases& cases) {
-  for (const auto& [input, output] : cases) {
+  for (const auto& [input, output] : cases)
     EXPECT_EQ(function(input), output) << "input: " << testing::PrintToString(input);
-  }
 }
 
-TEST(TextTest, HtmlEntitiesOfTheTableAreDecodedOnceAndOthersKept) {
+TEST(TextTest, HtmlEntitiesDecodeOnceTagsBreakLinesInLinearTimeAndBodiesAreSqueezed) {
   ExpectEach(
       DecodeHtmlEntities,
       {{"&quot;Tom&quot; &mdash; &copy; 2010 &lt;tag&gt; a&amp;b", "\"Tom\" - (C) 2010 <tag> a&b"},
@@ -40,13 +38,10 @@ TEST(TextTest, HtmlEntitiesOfTheTableAreDecodedOnceAndOthersKept) {
        // Entities named without their semicolon leave it in place.
        {"&reg; Brand&reg", "(R); Brand(R)"},
        {"&#8220;x&#8221", "\xA1\xB0;x\xA1\xB1"},
-       {"&ldquo;q&rdquo; &lsquo;s&rsquo;", "\xA1\xB0q\xA1\xB1 \xA1\xAEs\xA1\xAF"},
        {"&eacute; &#169; &apos; &AMP; &Lt; & ; &amp", "&eacute; &#169; &apos; &AMP; &Lt; & ; &amp"},
-       {std::string("&lt;\0&gt;", 9), "<"},
-       {"", ""}});
-}
-
-TEST(TextTest, HtmlToTextKeepsTheRunsBetweenTagsAndBreaksLines) {
+       {std::string("&lt;\0&gt;", 9), "<"}});
+  // Long stretches in which no match can start are not retried at each byte.
+  const std::string x(10u << 20, 'x');
   ExpectEach(HtmlToText,
              {{"<p>one<BR clear=all>two</p><br />", "one\r\ntwo\r\n\r\n"},
               {"<ul><li>a</li><li>b</LI></ul>", "a\r\nb\r\n"},
@@ -62,27 +57,12 @@ TEST(TextTest, HtmlToTextKeepsTheRunsBetweenTagsAndBreaksLines) {
               // Without any tag the text stays as it is.
               {"a > b and c > d", "a > b and c > d"},
               {"x><>", "x><>"},
-              {"", ""},
               {"<p>" + std::string(5000, 'r') + "</p><p>" + std::string(2047, 's') + "</p>",
                std::string(2047, 'r') + "\r\n" + std::string(2047, 's') + "\r\n"},
-              {std::string("<p>a<br>\0b<br>", 14), "a\r\n"}});
-}
-
-TEST(TextTest, HtmlToTextTakesLinearTimeOnTwentyMegabyteLines) {
-  const std::string sentence = "Seventy bytes or so of ordinary text between two of the tags, ";
-  std::string html = "<html>", expected;
-  while (html.size() < 20u << 20) {
-    html += sentence + "<b>bold</b><td>cell</td>";
-    expected += sentence + "boldcell ";
-  }
-  EXPECT_EQ(HtmlToText(html + "</html>"), expected);
-  // Long stretches in which no match can start are not retried at each byte.
-  const std::string x(10u << 20, 'x');
-  EXPECT_EQ(HtmlToText(x + ">" + x + ">tail<br>" + x), "tail\r\n");
-  EXPECT_EQ(HtmlToText(x + ">" + x), x + ">" + x);
-}
-
-TEST(TextTest, HtmlBodyWrapsPlainStartsDecodesAndSqueezes) {
+              {std::string("<p>a<br>\0b<br>", 14), "a\r\n"},
+              {x + ">" + x + ">tail<br>" + x, "tail\r\n"},
+              {x + ">" + x, x + ">" + x}});
+  // A body keeps its plain start, is decoded and keeps five blanks and one empty line.
   ExpectEach(HtmlBodyToText,
              {{"Dear Sir,<p>text</p>bye", "Dear Sir,text\r\nbye"},
               {"<p>text</p>bye", "text\r\n"},
@@ -90,10 +70,12 @@ TEST(TextTest, HtmlBodyWrapsPlainStartsDecodesAndSqueezes) {
               {"<html><body>A&nbsp;&amp;&nbsp;B<br><br><br><br>x          y&lt;z&gt;</body>",
                "A & B\r\n\r\nx     y<z>"},
               {"<p>&amp;lt;</p>", "&lt;\r\n"},
-              {"", ""}});
+              // Tabs are no blanks.
+              {"<p>" + std::string(20, ' ') + "x\t\t\t\t\t\t y</p>", "     x\t\t\t\t\t\t y\r\n"},
+              {"<p>a</p>\r\n\r\n\n\r\r\n\n<p>b</p>", "a\r\n\r\nb\r\n"}});
 }
 
-TEST(TextTest, HeaderTextForDisplayAndAttachmentNamesStayOnOneLineInOneDirectory) {
+TEST(TextTest, HeaderTextAndFileNamesStayOnOneLineInOneDirectoryCharsetsAreCutDatesAreLocal) {
   auto display = [](const std::string& header) { return DecodeHeaderForDisplay(header, "utf-8"); };
   ExpectEach(display, {{"=?utf-8?Q?Hi=0D=0A3=0D=0Abank?=", "Hi  3  bank"},
                        {"=?utf-8?Q?cut=00forged?= more", "cut"},
@@ -110,74 +92,19 @@ TEST(TextTest, HeaderTextForDisplayAndAttachmentNamesStayOnOneLineInOneDirectory
                     {"=?utf-8?Q?a=0D=0ASTOR_x=7F?=", "a  STOR x"},
                     {"\001b\037", "b"},
                     {std::string(300, 'n'), std::string(259, 'n')}});
-}
-
-TEST(TextTest, SqueezingKeepsFiveSpacesAndOneBlankLine) {
-  auto spaces = [](std::string text) {
-    SqueezeSpaces(text);
-    return text;
-  };
-  ExpectEach(spaces, {{"a     b", "a     b"},
-                      {"a      b", "a     b"},
-                      {std::string(20, ' ') + "x" + std::string(7, ' '), "     x     "},
-                      {"x \t\t\t\t\t\t y", "x \t\t\t\t\t\t y"},
-                      {std::string("a      \0      ", 14), "a     "}});
-  auto lines = [](std::string text) {
-    SqueezeBlankLines(text);
-    return text;
-  };
-  ExpectEach(lines, {{"a\r\n\r\n\r\n\r\nb", "a\r\n\r\nb"},
-                     {"a\r\n\r\n\n\r\r\n\nb\r\n\r\n\r\n", "a\r\n\r\nb\r\n\r\n"},
-                     {"a\r\n\r\nb\r\n\r\n\r\nc", "a\r\n\r\nb\r\n\r\nc"},
-                     {"a\r\n\rb\n\n\n\nc\r\r\r\rd", "a\r\n\rb\n\n\n\nc\r\r\r\rd"},
-                     {"a\n\r\r\n\r\n\r\nb", "a\n\r\r\n\r\nb"},
-                     {std::string("a\r\n\r\n\0\r\n", 7), "a\r\n\r\n"}});
-}
-
-TEST(TextTest, EightBitBytesConcatAndCharset) {
-  for (const std::string& text :
-       {std::string(), std::string("plain ~\x7F"), std::string("a\0\xD6", 3)}) {
-    EXPECT_FALSE(HasEightBitBytes(text));
-  }
-  for (const char* text : {"\x80", "ends with \xFF"}) EXPECT_TRUE(HasEightBitBytes(text));
-  EXPECT_EQ(ConcatNew("first", std::nullopt), "first");
-  EXPECT_EQ(ConcatNew(std::string("a\0b", 3), std::string("c\0d", 3)), "ac");
+  // Joining stops at NUL; a charset is the quoted or the rest of the parameter.
+  // (Eight-bit detection shows in the sent subjects and names.)
+  EXPECT_EQ(
+      ConcatNew("first", std::nullopt) + ConcatNew(std::string("a\0b", 3), std::string("c\0d", 3)),
+      "firstac");
   const std::vector<std::pair<std::string, std::optional<std::string>>> charsets = {
       {"text/html; charset=\"UTF-8\"; format=flowed", "UTF-8"},
-      {"text/plain; charset=\"\"", ""},
       {"text/plain; charset=\"gb2312", std::nullopt},
       {"text/plain; charset=gb2312; format=flowed", "gb2312; format=flowed"},
-      {"text/plain; charset=", ""},
       {"text/plain; Charset=gb2312", std::nullopt},
       {std::string("text/plain\0; charset=big5", 25), std::nullopt}};
   for (const auto& [type, charset] : charsets) EXPECT_EQ(ExtractCharset(type), charset) << type;
-}
-
-TEST(TextTest, ShorteningCutsAtTheLimitBetweenCharactersAndAddsDots) {
-  // A cut never splits a two-byte character; a lone 8-bit byte pairs with
-  // the next one, even across ASCII.
-  const struct {
-    std::string text;
-    int limit;
-    std::string shortened;
-  } cases[] = {{"0123456789", 7, "0123456789"},
-               {"0123456789", 6, "012345..."},
-               {"0123456789", 2, "01..."},
-               {"0123456789", 1, "0123456789"},
-               {"0123456789", -4, "0123456789"},
-               {"", 5, ""},
-               {"abcd\326\320wxyz", 5, "abcd..."},
-               {"abcd\326\320wxyz", 6, "abcd\326\320..."},
-               {"\241bcd\260\241xyzw", 5, "\241bcd\260..."},
-               {"\241bcdefghij", 6, "\241bcde..."}};
-  for (const auto& c : cases) {
-    std::string text = c.text;
-    EXPECT_EQ(ShortenText(text, c.limit), static_cast<int>(c.shortened.size())) << c.text;
-    EXPECT_EQ(text, c.shortened) << c.text << " to " << c.limit;
-  }
-}
-
-TEST(TextTest, MailDatesAreLocalWallClockTimesWhateverTheirZone) {
+  // Mail dates are local wall clock times whatever their zone.
   {
     // Summer time all year: a date read without it would be an hour off.
     test::ScopedEnv zone("TZ", "XST5XDT,J1/0,J365/25");
@@ -185,68 +112,55 @@ TEST(TextTest, MailDatesAreLocalWallClockTimesWhateverTheirZone) {
     const std::vector<std::pair<std::string, int32_t>> dates = {
         {"Tue, 5 Jan 2010 08:30 +0800", 1262694600},
         {"Sat, 30 Dec 2017 23:59:58 -0500", 1514692798},
-        {"Fri, 9 Jul 2004 14:05:09 GMT", 1089396309},
         {"Mon, 01 Feb 2021 00:00:00", 1612152000},
         {"Date: received Thu, 24 Jun 2010 16:45:00 +0800 (CST)", 1277412300},
         {std::string(5u << 20, 'x') + " Sat, 3 Mar 2012 03:04:05", 1330758245},
         {"Fri, 31 Dec 2060 10:00:00 +0000", -1},  // beyond 32 bits
         {"", 0},
-        {"5 Jan 2010 08:30 +0800", 0},
         {"Tue, 5 Jan 2010 8:30 +0800", 0},
-        {"Tue, 5 January 2010 08:30", 0},
         {std::string("Tue, 5 Jan\0 2010 08:30", 22), 0}};
     for (const auto& [text, value] : dates)
       EXPECT_EQ(ParseMailDate(text), value) << text.substr(0, 60);
-    EXPECT_EQ(ParseMailDate(std::nullopt), 0);
   }
-
+  {
+    test::ScopedEnv zone("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");  // summer time in summer only
+    tzset();
+    EXPECT_EQ(ParseMailDate("Tue, 5 Jan 2010 08:30 +0800"), 1262676600);
+    EXPECT_EQ(ParseMailDate("Mon, 5 Jul 2010 08:30 +0800"), 1278311400);
+  }
   // The Date line's offset follows the bias and summer time.
-  const std::pair<const char*, const char*> zones[] = {{"CST-8", "+0800"},
-                                                       {"UTC0", "+0000"},
-                                                       {"IST-5:30", "+0530"},
-                                                       {"NST3:30", "-0330"},
-                                                       {"XST5XDT,J1/0,J365/25", "-0400"}};
-  for (const auto& [rule, offset] : zones) {
+  for (const auto& [rule, offset] :
+       {std::pair{"IST-5:30", "+0530"}, {"NST3:30", "-0330"}, {"XST5XDT,J1/0,J365/25", "-0400"}}) {
     test::ScopedEnv other("TZ", rule);
-    char buffer[32];
-    ASSERT_EQ(GetDateString(buffer, sizeof buffer), 0);
-    EXPECT_EQ(std::string(buffer).size(), 31u) << buffer;
-    EXPECT_TRUE(std::string(buffer).ends_with(offset)) << rule << ": " << buffer;
+    char date[32], small[31];
+    EXPECT_EQ(GetDateString(date, sizeof date) + GetDateString(small, sizeof small), 1);
+    EXPECT_TRUE(std::string(date).size() == 31 && std::string(date).ends_with(offset)) << date;
   }
-  char small[31];
-  EXPECT_EQ(GetDateString(small, sizeof small), 1);
   tzset();
 }
 
-TEST(TextTest, PatternGroupsAndStepLimit) {
-  const Pattern pattern("((\\w+)@(\\w+))(\\.(\\w+))?");
-  ASSERT_TRUE(pattern.ok());
-  EXPECT_EQ(pattern.GroupCount(), 5);
-  PatternMatch match(pattern);
-  ASSERT_EQ(match.Find("to: joe@host, x"), MatchStatus::kMatched);
-  EXPECT_EQ(match.begin(), 4u);
-  EXPECT_EQ(match.end(), 12u);
-  const std::optional<std::string_view> groups[] = {"joe@host",   "joe@host",   "joe",       "host",
-                                                    std::nullopt, std::nullopt, std::nullopt};
-  for (int n = 0; n < 7; ++n) EXPECT_EQ(match.Group(n), groups[n]) << n;
-  EXPECT_EQ(match.Group(-1), std::nullopt);
-  EXPECT_EQ(match.Find("a@b", 4), MatchStatus::kNoMatch);
-  EXPECT_EQ(PatternMatch(Pattern("x*")).Find("ab", 2), MatchStatus::kMatched);  // at the end
-  EXPECT_EQ(match.Group(0), std::nullopt);
-
-  // Each 'a' may be taken by either branch: 2^40 ways to fail before the 'b'.
-  const Pattern hostile("(a|a)+b");
-  PatternMatch limited(hostile);
-  limited.SetStepLimit(100'000);
-  EXPECT_EQ(limited.Find(std::string(40, 'a') + "!b"), MatchStatus::kFailed);
-  EXPECT_EQ(limited.Group(0), std::nullopt);
-  ASSERT_EQ(limited.Find("aab"), MatchStatus::kMatched);
-  const Pattern broken("(unclosed");
-  EXPECT_FALSE(broken.ok());
-  EXPECT_EQ(PatternMatch(broken).Find("(unclosed"), MatchStatus::kNoMatch);
+TEST(TextTest, ShorteningCutsAtTheLimitBetweenCharactersAndAddsDots) {
+  // A lone 8-bit byte pairs with the next one, even across ASCII.
+  const std::tuple<std::string, int, std::string> cases[] = {
+      {"0123456789", 7, "0123456789"},
+      {"0123456789", 6, "012345..."},
+      {"0123456789", 1, "0123456789"},
+      {"0123456789", -4, "0123456789"},
+      {"abcd\326\320wxyz", 5, "abcd..."},
+      {"abcd\326\320wxyz", 6, "abcd\326\320..."},
+      {"\241bcd\260\241xyzw", 5, "\241bcd\260..."},
+      {"\241bcdefghij", 6, "\241bcde..."}};
+  for (auto [text, limit, shortened] : cases) {
+    EXPECT_EQ(ShortenText(text, limit), static_cast<int>(shortened.size())) << text;
+    EXPECT_EQ(text, shortened) << limit;
+  }
 }
 
-TEST(TextTest, AddressListsJoinWithCommasAndLeaveOutTheLoginInAnyCase) {
+TEST(TextTest, AddressListsJoinWithCommasAndLeaveOutTheLoginInAnyCaseAtLinearCost) {
+  std::string many =
+      "first@example.com " + std::string(40, 'a') + "@" + std::string(40, 'b') + ". ";
+  while (many.size() < 1u << 20) many += std::string(24, 'c') + "@" + std::string(24, 'd') + "-.e ";
+  const std::string local(200000, 'q');
   const struct {
     std::string text, leaveOut, list;
   } cases[] = {{"\"Smith, J\" <john.smith-jr@mail.sub.example-corp.co.uk>, Jane <jane_doe99@x.net>",
@@ -262,44 +176,16 @@ TEST(TextTest, AddressListsJoinWithCommasAndLeaveOutTheLoginInAnyCase) {
                {"-x-@y.com a@-b.com a@b.c user@10.0.0.1 none@", "", ""},
                {"._john@x.com. a@b.abcdefghijk@c.de", "", "john@x.com,a@b.abcdefghi,jk@c.de"},
                {"\xD6\xD0john@x.com\xCE\xC4", "", "john@x.com"},
-               {"", "", ""}};
-  for (const auto& c : cases) EXPECT_EQ(ExtractAddresses(c.text, c.leaveOut), c.list) << c.text;
+               {"", "", ""},
+               // Runs on which a pattern would backtrack exponentially spare the
+               // addresses around them, and very long addresses are found whole.
+               {many + "last@example.com", "", "first@example.com,last@example.com"},
+               {"<" + local + "@example.com>", "", local + "@example.com"}};
+  for (const auto& c : cases)
+    EXPECT_EQ(ExtractAddresses(c.text, c.leaveOut), c.list) << c.text.substr(0, 80);
   EXPECT_EQ(JoinList("", "from@x.com"), "from@x.com");
   EXPECT_EQ(JoinList("a@x.com,", "from@x.com"), "a@x.com,,from@x.com");
   EXPECT_EQ(JoinList(std::string("a\0b", 3), ""), "a,");
-}
-
-TEST(TextTest, AddressListsFindWhatAPlainSearchFindsAtLinearCost) {
-  static const Pattern pattern(
-      "([0-9a-zA-Z]([-.\\w]*[0-9a-zA-Z])*@(([0-9a-zA-Z])+([-\\w]*[0-9a-zA-Z])*\\.)+[a-zA-Z]{2,9})");
-  std::mt19937 random(19700101);
-  const std::string pieces[] = {"a", "b7", "@", ".", "-", "_", " ", ",", "<", "com", "x.y", "\xB0"};
-  int compared = 0;
-  for (int round = 0; round < 5000; ++round) {
-    std::string text, expected;
-    for (int i = static_cast<int>(random() % 16); i > 0; --i) text += pieces[random() % 12];
-    PatternMatch match(pattern);
-    MatchStatus status;
-    for (size_t from = 0; (status = match.Find(text, from)) == MatchStatus::kMatched;
-         from = match.end()) {
-      expected += (expected.empty() ? "" : ",") + std::string(*match.Group(1));
-    }
-    if (status == MatchStatus::kFailed) continue;  // the plain search ran out of steps
-    ASSERT_EQ(ExtractAddresses(text, ""), expected) << "text: " << text;
-    ++compared;
-  }
-  EXPECT_GT(compared, 4900);
-  // Runs on which the pattern backtracks exponentially spare the addresses
-  // around them, and very long addresses are found whole.
-  const std::string hostile = std::string(40, 'a') + "@" + std::string(40, 'b') + ". ";
-  std::string many = "first@example.com " + hostile;
-  while (many.size() < 1u << 20) many += std::string(24, 'c') + "@" + std::string(24, 'd') + "-.e ";
-  EXPECT_EQ(ExtractAddresses(many + "last@example.com", ""), "first@example.com,last@example.com");
-  const std::string local(200000, 'q');
-  EXPECT_EQ(ExtractAddresses("<" + local + "@example.com>", ""), local + "@example.com");
-  std::string labels;
-  for (int i = 0; i < 20000; ++i) labels += "h" + std::to_string(i % 10) + ".";
-  EXPECT_EQ(ExtractAddresses("<x@" + labels + "org>", ""), "x@" + labels + "org");
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The data sources; a sequence of calls is checked as the vector of its results.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -17,15 +18,16 @@ namespace {
 namespace fs = std::filesystem;
 using test::ReadFile;
 using test::WriteFile;
-using Lines = std::vector<std::string>;
+using R = std::vector<int64_t>;
+using S = DataSource;
 
-// Every piece ReadLine gives until it reports the end.
-Lines ReadLines(DataSource& source, int max) {
+// Every piece ReadLine gives until it reports the end, joined by "|".
+std::string ReadLines(DataSource& source, int max) {
   std::vector<char> buffer(static_cast<size_t>(max));
-  Lines lines;
+  std::string lines;
   for (int n; (n = source.ReadLine(buffer.data(), max)) > 0;) {
     EXPECT_EQ(std::strlen(buffer.data()), static_cast<size_t>(n)) << "not NUL-terminated";
-    lines.emplace_back(buffer.data(), static_cast<size_t>(n));
+    lines += (lines.empty() ? "" : "|") + std::string(buffer.data(), static_cast<size_t>(n));
   }
   return lines;
 }
@@ -41,27 +43,19 @@ std::string ReadRest(DataSource& source, int piece) {
   return data;
 }
 
-// Bytes without "\r" or "\n", different at every offset within a line.
-std::string Pattern(size_t size, size_t seed = 0) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>('!' + (i * 7 + seed) % 90);
-  return bytes;
-}
-
 int64_t SizeOf(const std::string& path) {
   return static_cast<int64_t>(fs::file_size(path));
 }
 
 // Every kind alike: Seek stays within the data (a refused one does not move),
-// WriteLine ends a line once, null buffers and texts are refused, and the
-// files refuse everything once closed, leaving no stale text behind.
+// WriteLine ends a line once, and null buffers and texts are refused.
 template <typename Kind>
 class DataSourceContractTest : public testing::Test {
  protected:
   std::unique_ptr<DataSource> Make() {
     if constexpr (std::is_same_v<Kind, FileDataSource>) {
       return std::make_unique<FileDataSource>(dir_ / "ten.txt");
-    } else if constexpr (std::is_same_v<Kind, BufferDataSource>) {
+    } else if constexpr (kBuffer) {
       return std::make_unique<BufferDataSource>(32);
     } else {
       return std::make_unique<MappedFileDataSource>(0, "ten", dir_ / "ten.map");
@@ -74,268 +68,134 @@ class DataSourceContractTest : public testing::Test {
 using Kinds = testing::Types<FileDataSource, BufferDataSource, MappedFileDataSource>;
 TYPED_TEST_SUITE(DataSourceContractTest, Kinds);
 
-TYPED_TEST(DataSourceContractTest, SeekStaysWithinTheData) {
+TYPED_TEST(DataSourceContractTest, SeekStaysWithinTheDataWriteLineEndsALineOnceNullsAreRefused) {
   std::unique_ptr<DataSource> source = this->Make();
-  ASSERT_EQ(source->Open(DataSource::kOpenWrite), 0);
-  ASSERT_EQ(source->Write("0123456789", 10), 10);
-  char buffer[16];
-  EXPECT_EQ(source->Seek(3, DataSource::kSeekEnd), 7);
-  ASSERT_EQ(source->Read(buffer, 10), 3);
-  EXPECT_STREQ(buffer, "789");
-  const std::pair<int64_t, int> refused[] = {
-      {11, DataSource::kSeekStart},  {-1, DataSource::kSeekStart},    {11, DataSource::kSeekEnd},
-      {1, DataSource::kSeekCurrent}, {-11, DataSource::kSeekCurrent}, {0, 3}};
-  for (const auto& [offset, origin] : refused) {
-    EXPECT_EQ(source->Seek(offset, origin), -1) << offset << " from " << origin;
-  }
-  EXPECT_EQ(source->Read(buffer, 10), 0) << "a refused Seek must not move";
-  EXPECT_EQ(source->Seek(-4, DataSource::kSeekCurrent), 6);
-  ASSERT_EQ(source->Read(buffer, 2), 2);
-  EXPECT_STREQ(buffer, "67");
-  EXPECT_EQ(source->Seek(10, DataSource::kSeekStart), 10);
+  char b[32];
+  EXPECT_EQ((R{source->Open(S::kOpenWrite), source->Write("0123456789", 10),
+               source->Seek(3, S::kSeekEnd), source->Read(b, 10)}),
+            (R{0, 10, 7, 3}));
+  EXPECT_STREQ(b, "789");
+  // Refused, each leaves the position at the end.
+  EXPECT_EQ(
+      (R{source->Seek(11, S::kSeekStart), source->Seek(-1, S::kSeekStart),
+         source->Seek(11, S::kSeekEnd), source->Seek(1, S::kSeekCurrent),
+         source->Seek(-11, S::kSeekCurrent), source->Seek(0, 3), source->Read(b, 10),
+         source->Seek(-4, S::kSeekCurrent), source->Read(b, 2), source->Seek(10, S::kSeekStart)}),
+      (R{-1, -1, -1, -1, -1, -1, 0, 6, 2, 10}));
+  EXPECT_STREQ(b, "67");
   // The files keep their length under an overwrite; the buffer kind ends its
   // data at the last write.
-  EXPECT_EQ(source->Seek(2, DataSource::kSeekStart), 2);
-  EXPECT_EQ(source->Write("X", 1), 1);
   const int64_t length = this->kBuffer ? 3 : 10;
-  EXPECT_EQ(source->Seek(0, DataSource::kSeekEnd), length);
-  EXPECT_EQ(source->Seek(0, DataSource::kSeekStart), 0);
-  ASSERT_EQ(source->Read(buffer, 10), length);
-  EXPECT_EQ(std::string(buffer), std::string("01X3456789").substr(0, static_cast<size_t>(length)));
-}
-
-TYPED_TEST(DataSourceContractTest, WriteLineEndsALineOnceAndNullsAreRefused) {
-  std::unique_ptr<DataSource> source = this->Make();
-  ASSERT_EQ(source->Open(DataSource::kOpenWrite), 0);
-  for (auto [text, length] : {std::pair{"a", 1}, {"b\r\n", 3}, {"", 0}, {"c\n", 2}}) {
-    EXPECT_EQ(source->WriteLine(text), length) << text;
-  }
-  EXPECT_EQ(source->WriteLine(nullptr), -1);
-  EXPECT_EQ(source->Write(nullptr, 1), -1);
-  ASSERT_EQ(source->Seek(0, DataSource::kSeekStart), 0);
-  char buffer[32] = "stale";
-  EXPECT_EQ(source->ReadLine(nullptr, 8), -1);
-  EXPECT_EQ(source->ReadLine(buffer, 0), -1);
-  EXPECT_EQ(source->Read(nullptr, 8), -1);
-  EXPECT_EQ(source->Read(buffer, -1), -1);
+  EXPECT_EQ((R{source->Seek(2, S::kSeekStart), source->Write("X", 1), source->Seek(0, S::kSeekEnd),
+               source->Seek(0, S::kSeekStart), source->Read(b, 10)}),
+            (R{2, 1, length, 0, length}));
+  EXPECT_EQ(std::string(b), std::string("01X3456789").substr(0, static_cast<size_t>(length)));
+  EXPECT_EQ(
+      (R{source->Open(S::kOpenWrite), source->WriteLine("a"), source->WriteLine("b\r\n"),
+         source->WriteLine(""), source->WriteLine("c\n"), source->WriteLine(nullptr),
+         source->Write(nullptr, 1), source->Seek(0, S::kSeekStart), source->ReadLine(nullptr, 8),
+         source->ReadLine(b, 0), source->Read(nullptr, 8), source->Read(b, -1)}),
+      (R{0, 1, 3, 0, 2, -1, -1, 0, -1, -1, -1, -1}));
   EXPECT_EQ(ReadRest(*source, 5), "a\r\nb\r\n\r\nc\n\r\n");
-  std::strcpy(buffer, "stale");
-  EXPECT_EQ(source->ReadLine(buffer, sizeof buffer), 0);
-  EXPECT_STREQ(buffer, "") << "the end leaves an empty line";
+  std::strcpy(b, "stale");
+  EXPECT_EQ(source->ReadLine(b, sizeof b), 0);
+  EXPECT_STREQ(b, "") << "the end leaves an empty line";
   EXPECT_EQ(source->Open(-1), this->kBuffer ? 0 : -1);  // the buffer kind has no failure
-  if constexpr (!TestFixture::kBuffer) {
-    ASSERT_EQ(source->Close(), 0);
-    EXPECT_EQ(source->Close(), 0);
-    for (auto read : {&DataSource::Read, &DataSource::ReadLine}) {
-      std::strcpy(buffer, "stale");
-      EXPECT_EQ((source.get()->*read)(buffer, 8), -1);
-      EXPECT_STREQ(buffer, "") << "a failed read leaves no old text";
-    }
-    EXPECT_EQ(source->Write("x", 1), -1);
-    EXPECT_EQ(source->Seek(0, DataSource::kSeekStart), -1);
-    EXPECT_EQ(source->Open(3), -1);
-  }
 }
 
-TEST(FileDataSourceTest, LinesComeWholeOrInPiecesOfMaxMinusOne) {
+TEST(FileDataSourceTest, LinesComeWholeOrInPiecesAndAWriteAfterALineLandsBehindIt) {
   // A line comes whole with its "\r\n" only when it is shorter than max - 3:
   // longer ones come in pieces of max - 1 bytes, or of the line buffer's size
-  // when that is smaller, and a cut between "\r" and "\n" lets the "\n" lead
-  // the next piece.
+  // when that is smaller; a cut between "\r" and "\n" lets the "\n" lead.
   test::TempDir dir;
-  auto lines = [path = dir / "lines.txt"](const std::string& content, int lineBuffer, int max) {
+  const std::string path = dir / "lines.txt";
+  std::string x;  // no line ends, different at every offset within a line
+  for (int i = 0; i < 2000; ++i) x += static_cast<char>('!' + i * 7 % 90);
+  const std::tuple<std::string, int, int, std::string> cases[] = {
+      {"abcdefghijklmnopqrst\r\nnext\r\n", 4096, 10, "abcdefghi|jklmnopqr|st\r\n|next\r\n"},
+      {"123456\r\n1234567\r\n12345678\r\nz\r\n", 4096, 10,
+       "123456\r\n|1234567\r\n|12345678\r|\nz\r\n"},
+      {x + "\r\nok\r\n", 4096, 1024, x.substr(0, 1023) + "|" + x.substr(1023) + "\r\n|ok\r\n"},
+      {x.substr(0, 40) + "\r\nok\r\n", 16, 1024,
+       x.substr(0, 15) + "|" + x.substr(15, 15) + "|" + x.substr(30, 10) + "\r\n|ok\r\n"},
+      {"ab\r\n", 1, 16, "a|b|\r|\n"}};  // a buffer of one byte
+  for (const auto& [content, lineBuffer, max, lines] : cases) {
     WriteFile(path, content);
     const std::unique_ptr<DataSource> clone = FileDataSource(path, lineBuffer).Clone();
-    EXPECT_EQ(clone->Open(DataSource::kOpenRead), 0);
-    return ReadLines(*clone, max);
-  };
-  EXPECT_EQ(lines("first\r\nsecond\r\n\r\nlast", 4096, 1024),
-            (Lines{"first\r\n", "second\r\n", "\r\n", "last"}));
-  EXPECT_EQ(lines("abcdefghijklmnopqrst\r\nnext\r\n", 4096, 10),
-            (Lines{"abcdefghi", "jklmnopqr", "st\r\n", "next\r\n"}));
-  EXPECT_EQ(lines("123456\r\n1234567\r\n12345678\r\nz\r\n", 4096, 10),
-            (Lines{"123456\r\n", "1234567\r\n", "12345678\r", "\nz\r\n"}));
-  const std::string x = Pattern(2000);
-  EXPECT_EQ(lines(x + "\r\nok\r\n", 4096, 1024),
-            (Lines{x.substr(0, 1023), x.substr(1023) + "\r\n", "ok\r\n"}));
-  EXPECT_EQ(lines(x.substr(0, 40) + "\r\nok\r\n", 16, 1024),
-            (Lines{x.substr(0, 15), x.substr(15, 15), x.substr(30, 10) + "\r\n", "ok\r\n"}));
-  EXPECT_EQ(lines("ab\r\n", 1, 16), (Lines{"a", "b", "\r", "\n"}));  // a buffer of one byte
-}
-
-TEST(FileDataSourceTest, LinesBlocksAndWritesMixWithoutLosingOrRepeatingAByte) {
-  test::TempDir dir;
-  const std::string path = dir / "mixed.txt", body = Pattern(10000);
-  WriteFile(path, "one\r\ntwo\r\nthree\r\n" + body);
+    ASSERT_EQ(clone->Open(S::kOpenRead), 0);
+    EXPECT_EQ(ReadLines(*clone, max), lines) << content.substr(0, 30);
+  }
+  // Read only refuses writes; append goes on at the end; a write after a line
+  // lands behind it, not behind what the line buffer read ahead.
   FileDataSource source(path);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-  char buffer[64];
-  EXPECT_EQ(source.Write("x", 1), -1) << "read only";
-  ASSERT_EQ(source.ReadLine(buffer, sizeof buffer), 5);
-  ASSERT_EQ(source.Read(buffer, 3), 3);
-  EXPECT_STREQ(buffer, "two");
-  EXPECT_EQ(ReadLines(source, 8).front(), "\r\n");
-  source.Seek(17, DataSource::kSeekStart);
-  EXPECT_EQ(ReadRest(source, 255), body);
-  // A write after lines lands behind the last line given out, not behind
-  // what the line buffer read ahead, and reading goes on behind it.
-  WriteFile(path, "one\r\ntwo\r\nthree\r\nfour\r\n");
-  ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
-  EXPECT_EQ(source.Seek(0, DataSource::kSeekCurrent), 23);
-  ASSERT_EQ(source.Seek(0, DataSource::kSeekStart), 0);
-  ASSERT_EQ(source.ReadLine(buffer, sizeof buffer), 5);
-  EXPECT_EQ(source.Write("TWO", 3), 3);
-  EXPECT_EQ(source.Seek(0, DataSource::kSeekCurrent), 8);
-  EXPECT_EQ(ReadLines(source, sizeof buffer), (Lines{"\r\n", "three\r\n", "four\r\n"}));
-  ASSERT_EQ(source.Seek(17, DataSource::kSeekStart), 17);
-  ASSERT_EQ(source.Read(buffer, 2), 2);
-  EXPECT_EQ(source.WriteLine("UR"), 2);
-  ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFile(path), "one\r\nTWO\r\nthree\r\nfoUR\r\n");
-  ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-  ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(ReadFile(path), "");
-  EXPECT_EQ(FileDataSource(dir / "missing").Open(DataSource::kOpenRead), -1);
+  char b[16];
+  EXPECT_EQ((R{source.Open(S::kOpenRead), source.Write("x", 1), source.Open(S::kOpenAppend),
+               source.Seek(0, S::kSeekCurrent), source.Write("x", 1), source.Seek(0, S::kSeekStart),
+               source.ReadLine(b, sizeof b), source.Write("Y", 1), source.Close()}),
+            (R{0, -1, 0, 4, 1, 0, 4, 1, 0}));
+  EXPECT_EQ(ReadFile(path), "ab\r\nY");
+  EXPECT_EQ((R{source.Open(S::kOpenWrite), source.Close(), SizeOf(path),
+               FileDataSource(dir / "missing").Open(S::kOpenRead), FileDataSource("").Open(1)}),
+            (R{0, 0, 0, -1, -1}));
   EXPECT_FALSE(fs::exists(dir / "missing"));
-  EXPECT_EQ(FileDataSource("").Open(DataSource::kOpenWrite), -1);
 }
 
-TEST(BufferDataSourceTest, CapacityCutsWritesAndTheDataEndsAtTheLastWrite) {
-  BufferDataSource line(6, "six");
-  EXPECT_EQ(line.WriteLine("abcde"), 5);  // the "\r\n" is cut off too
-  EXPECT_EQ(line.Data(), "abcde\r");
-  EXPECT_EQ(line.Write("x", 1), 0);
-  // A clone owns a copy with the same capacity and label.
-  std::unique_ptr<DataSource> clone = line.Clone();
-  ASSERT_EQ(line.Open(DataSource::kOpenWrite), 0);
-  EXPECT_EQ(line.Write("abcdefgh", 8), 6);
-  EXPECT_EQ(clone->Name(), "six");
-  ASSERT_EQ(clone->Seek(2, DataSource::kSeekStart), 2);
-  EXPECT_EQ(clone->Write("12345", 5), 4);
-  ASSERT_EQ(clone->Open(DataSource::kOpenRead), 0);
-  EXPECT_EQ(ReadRest(*clone, 16), "ab1234");
-
-  char memory[16] = "hello";  // the caller's buffer, read as its NUL-terminated text
-  BufferDataSource source(memory, 15);
-  ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
-  EXPECT_EQ(source.Write(" world", 6), 6);
-  EXPECT_EQ(source.Seek(5, DataSource::kSeekStart), 5);
-  EXPECT_EQ(source.Write("!", 1), 1);
-  EXPECT_STREQ(memory, "hello!");
-  ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-  ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
-  EXPECT_EQ(source.Seek(0, DataSource::kSeekCurrent), 0) << "mode 1 left the buffer empty";
-}
-
-class MappedFileDataSourceTest : public testing::Test {
+class MemorySourceTest : public testing::Test {
  protected:
   test::TempDir dir_;
   test::ScopedEnv tmpdir_{"TMPDIR", dir_.path()};  // temporary files where the test sees them
 };
 
-TEST_F(MappedFileDataSourceTest, TemporaryFileGoesWithTheSourceAndAClonesNever) {
-  std::string path;
-  {
-    MappedFileDataSource source(0, "temp");
-    path = source.Path();
-    EXPECT_EQ(fs::path(path).parent_path(), fs::path(dir_.path()));
-    EXPECT_EQ(fs::path(path).filename().string().rfind("Map", 0), 0u) << path;
-    ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-    ASSERT_EQ(source.Write("abc", 3), 3);
-    std::unique_ptr<DataSource> clone = source.Clone();
-    EXPECT_EQ(clone->Name(), "temp");
-    EXPECT_EQ(clone->Open(DataSource::kOpenRead), -1) << "not shared while open";
-    ASSERT_EQ(source.Close(), 0);
-    ASSERT_EQ(clone->Open(DataSource::kOpenRead), 0);
-    EXPECT_EQ(ReadRest(*clone, 8), "abc");
-    clone.reset();
-    EXPECT_EQ(ReadFile(path), "abc");
-    ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);  // destroyed while open
-  }
-  EXPECT_FALSE(fs::exists(path));
-  { MappedFileDataSource neverOpened; }
-  EXPECT_TRUE(fs::is_empty(dir_.path()));
-}
-
 // ReadLine of the memory kinds cuts behind the first "\r" (and its "\n" when
 // the block holds it), else takes max - 1 bytes.
-TEST_F(MappedFileDataSourceTest, MemoryKindsEndLinesAtTheFirstCarriageReturnOrAtMaxMinusOne) {
-  BufferDataSource buffer(64);
-  MappedFileDataSource mapped;
-  for (DataSource* source : std::initializer_list<DataSource*>{&buffer, &mapped}) {
-    auto lines = [source](const std::string& content, int max) {
-      EXPECT_EQ(source->Open(DataSource::kOpenWrite), 0);
-      EXPECT_EQ(source->Write(content.data(), static_cast<int>(content.size())), content.size());
-      EXPECT_EQ(source->Seek(0, DataSource::kSeekStart), 0);
-      return ReadLines(*source, max);
-    };
-    EXPECT_EQ(lines("one\r\ntwo\nthree\rfour", 64), (Lines{"one\r\n", "two\nthree\r", "four"}));
-    EXPECT_EQ(lines("abcdefgh\r\nxyz", 10), (Lines{"abcdefgh\r", "\nxyz"}));
-    EXPECT_EQ(lines("0123456789abc", 5), (Lines{"0123", "4567", "89ab", "c"}));
-  }
-}
-
-TEST_F(MappedFileDataSourceTest, ModesAndAFileKeptWithExactlyTheDataLength) {
-  const std::string path = dir_ / "modes.bin";
-  MappedFileDataSource absent(0, "", dir_ / "missing.bin");
-  EXPECT_EQ(absent.Open(DataSource::kOpenRead), -1);
-  EXPECT_FALSE(fs::exists(dir_ / "missing.bin"));
+TEST_F(MemorySourceTest, BufferCutsAtCapacityLinesEndAtCarriageReturnsAndFilesKeepTheirData) {
+  BufferDataSource line(6, "six");
+  EXPECT_EQ(line.WriteLine("abcde"), 5);  // the "\r\n" is cut off too
+  EXPECT_EQ(line.Data(), "abcde\r");
+  // A clone owns a copy with the same capacity and label.
+  std::unique_ptr<DataSource> clone = line.Clone();
+  EXPECT_EQ((R{line.Write("x", 1), line.Open(S::kOpenWrite), line.Write("abcdefgh", 8),
+               clone->Seek(2, S::kSeekStart), clone->Write("12345", 5), clone->Open(S::kOpenRead)}),
+            (R{0, 0, 6, 2, 4, 0}));
+  EXPECT_EQ(clone->Name() + ReadRest(*clone, 16), "sixab1234");
+  // Mode 1 leaves the buffer empty for the append that follows.
+  EXPECT_EQ((R{line.Open(S::kOpenWrite), line.Open(S::kOpenAppend), line.Seek(0, S::kSeekCurrent)}),
+            (R{0, 0, 0}));
+  const std::tuple<std::string, int, std::string> cases[] = {
+      {"one\r\ntwo\nthree\rfour", 64, "one\r\n|two\nthree\r|four"},
+      {"abcdefgh\r\nxyz", 10, "abcdefgh\r|\nxyz"},
+      {"0123456789abc", 5, "0123|4567|89ab|c"}};
   {
-    MappedFileDataSource source(0, "kept", path);
-    ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-    EXPECT_EQ(SizeOf(path), 4096) << "an empty file grows by one step at once";
-    EXPECT_EQ(source.Write("hello world", 11), 11);
-    ASSERT_EQ(source.Close(), 0);
-    EXPECT_EQ(SizeOf(path), 11);
-  }
+    BufferDataSource buffer(64);
+    MappedFileDataSource mapped;  // on a temporary file "Map..." in $TMPDIR
+    EXPECT_EQ(mapped.Path().rfind(dir_.path() + "/Map", 0), 0u) << mapped.Path();
+    for (DataSource* source : std::initializer_list<DataSource*>{&buffer, &mapped}) {
+      for (const auto& [content, max, lines] : cases) {
+        const int size = static_cast<int>(content.size());
+        EXPECT_EQ((R{source->Open(S::kOpenWrite), source->Write(content.data(), size),
+                     source->Seek(0, S::kSeekStart)}),
+                  (R{0, size, 0}));
+        EXPECT_EQ(ReadLines(*source, max), lines);
+      }
+    }
+  }  // destroyed while open
+  EXPECT_TRUE(fs::is_empty(dir_.path())) << "the temporary file goes with its source";
+  // The modes, and a closed file keeps exactly its data.
+  const std::string path = dir_ / "modes.bin";
   MappedFileDataSource source(0, "", path);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0);
-  EXPECT_EQ(source.Write("x", 1), -1);
-  EXPECT_LT(source.WriteLine("x"), 0);
+  // An empty file grows by one step at once; a closed one keeps exactly its data.
+  EXPECT_EQ(
+      (R{MappedFileDataSource(0, "", dir_ / "missing.bin").Open(S::kOpenRead),
+         source.Open(S::kOpenWrite), SizeOf(path), source.Write("hello world", 11), source.Close(),
+         SizeOf(path), source.Open(S::kOpenRead), source.Write("x", 1), source.WriteLine("x") < 0}),
+      (R{-1, 0, 4096, 11, 0, 11, 0, -1, 1}));
+  EXPECT_FALSE(fs::exists(dir_ / "missing.bin"));
   EXPECT_EQ(ReadRest(source, 3), "hello world");
-  ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-  EXPECT_EQ(SizeOf(path), 11) << "a file that has bytes does not grow at once";
-  EXPECT_EQ(ReadRest(source, 3), "") << "mode 1 starts with no data";
-  EXPECT_EQ(source.WriteLine("one"), 3);
-  ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
-  EXPECT_EQ(source.WriteLine("two\r\n"), 5);
-  ASSERT_EQ(source.Close(), 0);
+  // Mode 1 starts with no data, mode 2 keeps it.
+  EXPECT_EQ((R{source.Open(S::kOpenWrite), source.WriteLine("one"), source.Open(S::kOpenAppend),
+               source.WriteLine("two\r\n"), source.Close()}),
+            (R{0, 3, 0, 5, 0}));
   EXPECT_EQ(ReadFile(path), "one\r\ntwo\r\n");
-  ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-  ASSERT_EQ(source.Open(DataSource::kOpenRead), 0) << "an empty file opens for reading";
-  EXPECT_EQ(ReadRest(source, 3), "");
-  EXPECT_EQ(SizeOf(path), 0);
-}
-
-TEST_F(MappedFileDataSourceTest, GrowthStepIsAnEighthOfTheMappedSizeAtLeast4096) {
-  const struct {
-    int64_t fileSize, mappedWhileOpen;
-  } cases[] = {
-      {1000, 1000 + 4096}, {32768, 32768 + 4096}, {32776, 32776 + 4097}, {80000, 80000 + 10000}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.fileSize);
-    const std::string path = dir_ / "append.bin", old = Pattern(static_cast<size_t>(c.fileSize));
-    WriteFile(path, old);
-    MappedFileDataSource source(0, "append", path);
-    ASSERT_EQ(source.Open(DataSource::kOpenAppend), 0);
-    EXPECT_EQ(SizeOf(path), c.mappedWhileOpen);
-    EXPECT_EQ(source.Seek(0, DataSource::kSeekCurrent), c.fileSize);
-    EXPECT_EQ(source.WriteLine("tail"), 4);
-    ASSERT_EQ(source.Close(), 0);
-    EXPECT_TRUE(ReadFile(path) == old + "tail\r\n");
-  }
-  // A write past the mapped size grows by a step, or by what it needs.
-  MappedFileDataSource source;
-  ASSERT_EQ(source.Open(DataSource::kOpenWrite), 0);
-  const std::string first = Pattern(4097), second = Pattern(10000, 1);
-  ASSERT_EQ(source.Write(first.data(), 4097), 4097);
-  EXPECT_EQ(SizeOf(source.Path()), 8192);
-  ASSERT_EQ(source.Write(second.data(), 10000), 10000);
-  EXPECT_EQ(SizeOf(source.Path()), 14097);
-  EXPECT_EQ(source.Seek(0, DataSource::kSeekStart), 0);
-  EXPECT_TRUE(ReadRest(source, 4096) == first + second) << "content kept across the growth";
-  ASSERT_EQ(source.Close(), 0);
-  EXPECT_EQ(SizeOf(source.Path()), 14097);
 }
 
 }  // namespace
