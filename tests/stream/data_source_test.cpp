@@ -196,6 +196,7 @@ TEST_F(MemorySourceTest, BufferCutsAtCapacityLinesEndAtCarriageReturnsAndFilesKe
                source.WriteLine("two\r\n"), source.Close()}),
             (R{0, 3, 0, 5, 0}));
   EXPECT_EQ(ReadFile(path), "one\r\ntwo\r\n");
+  EXPECT_EQ(fs::status(path).permissions() & fs::perms::others_exec, fs::perms::none);  // data
 }
 
 }  // namespace
