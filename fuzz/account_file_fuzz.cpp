@@ -8,15 +8,12 @@
 #include <cstdlib>
 
 #include "accounts/account_registry.h"
+#include "fuzz_check.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "account_file_fuzz: %s\n", what);
-  std::abort();
-}
+using corvane::fuzz::Check;
 
 bool SameFields(const corvane::Account& a, const corvane::Account& b) {
   return a.login == b.login && a.pop3Host == b.pop3Host && a.password == b.password &&

@@ -9,16 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "mail/address_list.h"
 #include "protocol/smtp_client.h"
 
 namespace {
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "address_fuzz: %s\n", what);
-  std::abort();
-}
+using corvane::fuzz::Check;
 
 }  // namespace
 

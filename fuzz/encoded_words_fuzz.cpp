@@ -7,16 +7,13 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "fuzz_check.h"
 #include "mail/header_display.h"
 #include "mime/encoded_words.h"
 
 namespace {
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "encoded_words_fuzz: %s\n", what);
-  std::abort();
-}
+using corvane::fuzz::Check;
 
 }  // namespace
 

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <string>
 
+#include "fuzz_check.h"
 #include "mail/attachment_file_name.h"
 #include "mail/header_display.h"
 #include "mail/html_to_text.h"
@@ -28,11 +29,7 @@ namespace {
 
 using corvane::MailMessage;
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "mail_message_fuzz: %s\n", what);
-  std::abort();
-}
+using corvane::fuzz::Check;
 
 // The body as ReceiveMail renders it for a client in `target`.
 void RenderBody(const MailMessage& message, const std::string& target) {

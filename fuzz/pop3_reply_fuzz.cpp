@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "base/limits.h"
+#include "fuzz_check.h"
 #include "loopback_peer.h"
 #include "protocol/pop3_client.h"
 #include "stream/buffer_data_source.h"
@@ -17,11 +18,7 @@ namespace {
 // file would be.
 constexpr int64_t kRetrieveRoom = 64 * 1024;
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "pop3_reply_fuzz: %s\n", what);
-  std::abort();
-}
+using corvane::fuzz::Check;
 
 // The ids are the server's words, and ReceiveMail finds a message by its id:
 // each one is a single bounded word, and no more are kept than the mailbox

@@ -8,15 +8,12 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "fuzz_check.h"
 #include "transport/wx_codec.h"
 
 namespace {
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "wx_codec_fuzz: %s\n", what);
-  std::abort();
-}
+using corvane::fuzz::Check;
 
 }  // namespace
 
