@@ -3,18 +3,49 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 
 namespace corvane {
 
-ProgramPaths ProgramPaths::ForDirectory(std::string directory) {
+#ifndef CORVANE_CONFIG_DIR
+#define CORVANE_CONFIG_DIR ""
+#define CORVANE_STATE_DIR ""
+#define CORVANE_LOG_DIR ""
+#endif
+
+namespace {
+
+std::string DirectoryFromEnvironment(const char* name, const char* builtIn) {
+  const char* value = std::getenv(name);
+  std::string directory = value != nullptr && *value != '\0' ? value : builtIn;
+  // systemd lists several directories with ":"; this unit asks for one.
+  directory.resize(std::min(directory.find(':'), directory.size()));
+  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
+  return directory;
+}
+
+}  // namespace
+
+FileLayout FileLayout::FromEnvironment() {
+  return {DirectoryFromEnvironment("CONFIGURATION_DIRECTORY", CORVANE_CONFIG_DIR),
+          DirectoryFromEnvironment("STATE_DIRECTORY", CORVANE_STATE_DIR),
+          DirectoryFromEnvironment("LOGS_DIRECTORY", CORVANE_LOG_DIR)};
+}
+
+ProgramPaths ProgramPaths::ForDirectory(std::string programDirectory, const FileLayout& layout) {
+  auto orProgram = [&programDirectory](const std::string& chosen) {
+    return chosen.empty() ? programDirectory : chosen;
+  };
   ProgramPaths paths;
-  paths.directory = std::move(directory);
-  paths.configFile = paths.directory + "/config.ini";
+  paths.directory = orProgram(layout.stateDirectory);
+  paths.configFile = orProgram(layout.configDirectory) + "/config.ini";
   paths.accountFile = paths.directory + "/account.dat";
   paths.tempDirectory = paths.directory + "/temp/";
-  paths.logDirectory = paths.directory + "/log/";
+  paths.logDirectory =
+      layout.logDirectory.empty() ? programDirectory + "/log/" : layout.logDirectory + "/";
   paths.cacheDirectory = paths.directory + "/cache/";
   return paths;
 }

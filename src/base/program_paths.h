@@ -5,17 +5,29 @@
 
 namespace corvane {
 
-// Where the gateway keeps its files: everything lives under the directory of
-// the running executable.
+// Where the configuration, the state (account.dat, cache/, temp/) and the
+// logs live when not beside the executable; an empty one is the program
+// directory.
+struct FileLayout {
+  std::string configDirectory, stateDirectory, logDirectory;
+
+  // systemd's CONFIGURATION_DIRECTORY, STATE_DIRECTORY and LOGS_DIRECTORY
+  // (set for a unit that asks for them), each else the build's packaged
+  // layout (empty in a plain build).
+  static FileLayout FromEnvironment();
+};
+
+// Where the gateway keeps its files: under the directory of the running
+// executable, except where the layout puts them elsewhere.
 struct ProgramPaths {
-  std::string directory;  // no trailing separator
+  std::string directory;  // the state's home; no trailing separator
   std::string configFile;
   std::string accountFile;
   std::string tempDirectory;  // each directory ends with "/"
   std::string logDirectory;
   std::string cacheDirectory;
 
-  static ProgramPaths ForDirectory(std::string directory);
+  static ProgramPaths ForDirectory(std::string programDirectory, const FileLayout& layout = {});
 };
 
 // Cuts an executable path at its last "/" or "\" (either separator counts);

@@ -14,6 +14,11 @@ void ReadNumber(const IniFile& ini, const char* section, const char* key, int32_
   if (auto text = ini.Get(section, key)) value = ReadDecimal(*text);
 }
 
+// An empty value means the same as none.
+std::optional<std::string> NonEmpty(std::optional<std::string> text) {
+  return text && !text->empty() ? text : std::nullopt;
+}
+
 }  // namespace
 
 ServiceSettings ServiceSettings::Load(const IniFile& ini) {
@@ -32,11 +37,13 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
     s.checkIntervalMs = static_cast<int32_t>(static_cast<int64_t>(ReadDecimal(*interval)) * 1000);
   }
   ReadNumber(ini, "Application", "port", s.listenPort);
+  s.bindAddress = NonEmpty(ini.Get("Application", "bind"));
   ReadNumber(ini, "Application", "subject_length", s.subjectLength);
   ReadNumber(ini, "Application", "pop3_timeout", s.pop3Timeout);
   ReadNumber(ini, "Application", "operation_timeout", s.operationTimeout);
   ReadNumber(ini, "Application", "max_message_size", s.maxMessageMb);
   s.defaultBody = ini.Get("Application", "default_body");
+  s.filesRoot = NonEmpty(ini.Get("Application", "files_root"));
   s.logLevel = LogLevelFromName(ini.Get("Application", "log_level"));
   return s;
 }

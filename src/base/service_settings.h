@@ -24,11 +24,13 @@ struct ServiceSettings {
   std::optional<std::string> notifyProgram;        // [Pushmail] Sender
   int32_t checkIntervalMs = 60000;                 // [Pushmail] Interval, in seconds
   int32_t listenPort = 8500;                       // [Application] port
+  std::optional<std::string> bindAddress;          // [Application] bind; none: every address
   int32_t subjectLength = 0;                       // [Application] subject_length
   int32_t pop3Timeout = 20;                        // [Application] pop3_timeout
   int32_t operationTimeout = 300;                  // [Application] operation_timeout, seconds
   int32_t maxMessageMb = 64;                       // [Application] max_message_size, MB
   std::optional<std::string> defaultBody;          // [Application] default_body
+  std::optional<std::string> filesRoot;            // [Application] files_root; none: anywhere
   int32_t logLevel = 1;                            // [Application] log_level
 
   // Reads every key in the start-up order; missing keys keep their defaults.

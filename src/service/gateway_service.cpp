@@ -21,9 +21,13 @@ GatewayService::GatewayService()
 
 bool GatewayService::OnInit() {
   server_.SetPort(static_cast<uint16_t>(g_settings.listenPort));
+  const std::string address = g_settings.bindAddress.value_or("");
+  server_.SetBindAddress(address);
   if (!server_.Start()) {
-    WriteLog(kLogError, "Cannot listen on port %d\n", g_settings.listenPort);
-    std::fprintf(stderr, "corvane: cannot listen on port %d\n", g_settings.listenPort);
+    WriteLog(kLogError, "Cannot listen on port %d (address \"%s\")\n", g_settings.listenPort,
+             address.c_str());
+    std::fprintf(stderr, "corvane: cannot listen on port %d (address \"%s\")\n",
+                 g_settings.listenPort, address.c_str());
     return false;
   }
   if (checkMail_) checkMail_->Start();

@@ -10,7 +10,7 @@
 namespace corvane {
 
 ProgramPaths InitGlobals(const std::string& programDirectory) {
-  ProgramPaths paths = ProgramPaths::ForDirectory(programDirectory);
+  ProgramPaths paths = ProgramPaths::ForDirectory(programDirectory, FileLayout::FromEnvironment());
   IniFile ini;
   ini.Open(paths.configFile);  // a missing file leaves every default
   g_settings = ServiceSettings::Load(ini);
@@ -35,6 +35,8 @@ void DestroyGlobals() {
   g_settings.ftpPassword.reset();
   g_settings.notifyProgram.reset();
   g_settings.defaultBody.reset();
+  g_settings.bindAddress.reset();
+  g_settings.filesRoot.reset();
   g_logWriter.reset();
 }
 

@@ -17,6 +17,8 @@
 #include "base/ascii_text.h"
 #include "base/debug_trace.h"
 #include "base/program_paths.h"
+#include "base/service_settings.h"
+#include "service/service_unit.h"
 
 extern char** environ;
 
@@ -151,24 +153,15 @@ bool TCService::IsInstalled() const {
 }
 
 bool TCService::Install() {
-  const std::string executable = ExecutablePath();
   const std::string path = UnitPath();
+  const auto text = ServiceUnitText(serviceName_, ExecutablePath(), g_settings.filesRoot);
+  if (!text) {
+    errno = EINVAL;
+    return false;
+  }
   FILE* unit = std::fopen(path.c_str(), "w");
   if (unit == nullptr) return false;
-  std::fprintf(unit,
-               "[Unit]\n"
-               "Description=%s mail gateway for thin clients\n"
-               "After=network.target\n"
-               "\n"
-               "[Service]\n"
-               "Type=notify\n"
-               "ExecStart=%s\n"
-               "WorkingDirectory=%s\n"
-               "Restart=on-failure\n"
-               "\n"
-               "[Install]\n"
-               "WantedBy=multi-user.target\n",
-               serviceName_, executable.c_str(), ProgramDirectoryFromPath(executable).c_str());
+  std::fputs(text->c_str(), unit);
   if (std::fclose(unit) != 0) return false;
   if (SystemdManagesUnits()) {
     Systemctl("daemon-reload");

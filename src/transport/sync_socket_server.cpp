@@ -35,11 +35,35 @@ void Refuse(int socket) {
   ::close(socket);
 }
 
-std::string FormatAddress(const in_addr& address) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(&address.s_addr);
-  char text[16];
-  std::snprintf(text, sizeof text, "%d.%d.%d.%d", bytes[0], bytes[1], bytes[2], bytes[3]);
+std::string FormatAddress(const sockaddr_storage& address) {
+  char text[INET6_ADDRSTRLEN] = "";
+  const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+  const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+  inet_ntop(address.ss_family,
+            address.ss_family == AF_INET6 ? static_cast<const void*>(&v6.sin6_addr) : &v4.sin_addr,
+            text, sizeof text);
   return text;
+}
+
+uint16_t PortOf(const sockaddr_storage& address) {
+  return ntohs(address.ss_family == AF_INET6
+                   ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                   : reinterpret_cast<const sockaddr_in&>(address).sin_port);
+}
+
+// The listening address for `text` (empty: every IPv4 address), or false for
+// anything but an address literal: a name could stand for any address.
+bool ListeningAddress(const std::string& text, uint16_t port, sockaddr_storage& address) {
+  address = {};
+  auto& v4 = reinterpret_cast<sockaddr_in&>(address);
+  auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
+  v4.sin_family = AF_INET;
+  v4.sin_port = htons(port);
+  if (text.empty()) return true;
+  if (inet_pton(AF_INET, text.c_str(), &v4.sin_addr) == 1) return true;
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = htons(port);
+  return inet_pton(AF_INET6, text.c_str(), &v6.sin6_addr) == 1;
 }
 
 }  // namespace
@@ -54,6 +78,10 @@ CSyncSocketServer::~CSyncSocketServer() {
 
 void CSyncSocketServer::SetPort(uint16_t port) {
   port_ = port;
+}
+
+void CSyncSocketServer::SetBindAddress(std::string address) {
+  bindAddress_ = std::move(address);
 }
 
 void CSyncSocketServer::SetMaxWorkers(int32_t n) {
@@ -167,33 +195,31 @@ void CSyncSocketServer::AcceptLoop() {
     acceptCv_.notify_all();
   };
 
-  int listening = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_storage address;
+  if (!ListeningAddress(bindAddress_, port_, address)) return finish(AcceptState::kFailed);
+  int listening = ::socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (listening < 0) return finish(AcceptState::kFailed);
   int reuse = 1;
   ::setsockopt(listening, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  address.sin_port = htons(port_);
-  if (::bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
+  socklen_t addressLength = sizeof address;
+  if (::bind(listening, reinterpret_cast<sockaddr*>(&address), addressLength) < 0 ||
       ::listen(listening, SOMAXCONN) < 0) {
     Refuse(listening);
     return finish(AcceptState::kFailed);
   }
-  socklen_t addressLength = sizeof address;
   if (::getsockname(listening, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0) {
-    boundPort_ = ntohs(address.sin_port);
+    boundPort_ = PortOf(address);
   }
   listenSocket_ = listening;
   finish(AcceptState::kListening);
 
   while (true) {
-    sockaddr_in peer{};
+    sockaddr_storage peer{};
     socklen_t peerLength = sizeof peer;
     int client =
         ::accept4(listening, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
     if (client >= 0) {
-      Admit(client, FormatAddress(peer.sin_addr), ntohs(peer.sin_port));
+      Admit(client, FormatAddress(peer), PortOf(peer));
       continue;
     }
     int error = errno;

@@ -29,6 +29,9 @@ class CSyncSocketServer {
 
   // The port to listen on (host order); 0 takes any free port.
   void SetPort(uint16_t port);
+  // The address to listen on: an IPv4 or IPv6 literal; empty is every IPv4
+  // address. Set before Start.
+  void SetBindAddress(std::string address);
   // Connections beyond this many at once are closed as soon as accepted.
   void SetMaxWorkers(int32_t n);
   // Closes a connection silent for longer than `ms`; negative or 0 means no
@@ -93,6 +96,7 @@ class CSyncSocketServer {
   std::condition_variable settledCv_;
 
   std::atomic<uint16_t> port_{0};
+  std::string bindAddress_;
   std::atomic<uint16_t> boundPort_{0};
   std::atomic<bool> running_{false};
   std::atomic<bool> stopping_{false};

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/program_paths.h"
+#include "service/service_unit.h"
 #include "service/tc_service.h"
 #include "support/command_output.h"
 #include "support/gateway_process.h"
@@ -43,8 +44,8 @@ TEST(ServiceArgsTest, InstallReportRemoveTheirRepeatsAndFailures) {
   EXPECT_EQ(handle("-i"), "1 Corvane installed\n");
   EXPECT_EQ(service.LastEvent(), TCService::kEventInstalled);
   for (std::string line :
-       {"ExecStart=" + executable, std::string("Restart=on-failure"), std::string("Type=notify"),
-        "WorkingDirectory=" + ProgramDirectoryFromPath(executable)}) {
+       {"ExecStart=\"" + executable + "\"", std::string("Restart=on-failure"),
+        std::string("Type=notify"), "WorkingDirectory=" + ProgramDirectoryFromPath(executable)}) {
     EXPECT_NE(test::ReadFile(unit).find("\n" + line + "\n"), std::string::npos) << line;
   }
   test::WriteFile(unit, "edited by hand\n");  // a second install changes nothing
@@ -63,6 +64,45 @@ TEST(ServiceArgsTest, InstallReportRemoveTheirRepeatsAndFailures) {
   EXPECT_EQ(handle("-i"), "1 Corvane failed to install. Error 2\n");
   EXPECT_TRUE(handle("-x").starts_with("1 Corvane Service.\n\n*   -v, report"));  // the usage
   EXPECT_EQ(handle(""), "0 ");
+}
+
+// The unit runs the gateway sandboxed wherever it was built: systemd's own
+// rating of it stays "OK" (2.0 at most), and no path can break out of its line.
+TEST(ServiceUnitTest, IsSandboxedAndQuotesItsPaths) {
+  const struct {
+    std::string executable;
+    std::optional<std::string> filesRoot;
+    std::vector<std::string> lines;  // each must be in the unit as it stands
+  } cases[] = {
+      {"/usr/sbin/corvane", std::nullopt, {"ExecStart=\"/usr/sbin/corvane\"", "ProtectHome=yes"}},
+      {"/home/joe/build/corvane",
+       "/srv/fi les",
+       {"WorkingDirectory=/home/joe/build", "ProtectHome=read-only",
+        "ReadWritePaths=\"-/srv/fi les\""}},
+      {"/opt/a b/100%/corvane",
+       "/home/joe/files",
+       {"ExecStart=\"/opt/a b/100%%/corvane\"", "ProtectHome=read-only",
+        "WorkingDirectory=/opt/a b/100%%"}},
+  };
+  test::TempDir units;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.executable);
+    const auto unit = ServiceUnitText("Corvane", c.executable, c.filesRoot);
+    ASSERT_TRUE(unit);
+    for (const std::string& line : c.lines) EXPECT_NE(unit->find("\n" + line + "\n"), unit->npos);
+    EXPECT_EQ(unit->find("ReadWritePaths") != unit->npos, c.filesRoot.has_value());
+    test::WriteFile(units / "corvane.service", *unit);
+    auto rating = test::RunCommand("cd " + units.path() +
+                                   " && systemd-analyze security --offline=true corvane.service");
+    const size_t at = rating.output.find("Overall exposure level for corvane.service: ");
+    ASSERT_NE(at, std::string::npos) << rating.output;
+    EXPECT_LE(std::stod(rating.output.substr(at + 44)), 2.0) << rating.output.substr(at);
+    EXPECT_EQ(rating.output.find("Unknown key"), std::string::npos) << rating.output;
+  }
+  for (std::string bad : {"/opt/a\nExecStartPre=/bin/sh", "/opt/\x7f", "/opt/\"", "/opt/\\"}) {
+    EXPECT_FALSE(ServiceUnitText("Corvane", bad, std::nullopt));
+    EXPECT_FALSE(ServiceUnitText("Corvane", "/usr/sbin/corvane", bad));
+  }
 }
 
 // Records which routines ran, with the state at the stop.

@@ -47,18 +47,24 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
   return true;
 }
 
-// A client on 127.0.0.1 whose reads give up after 10 s, so a server that fails
-// to answer fails the test instead of hanging it. A small `receiveBuffer`
-// keeps what the kernel holds for a client that does not read small.
+// A client on 127.0.0.1 (or `host`) whose reads give up after 10 s, so a
+// server that fails to answer fails the test instead of hanging it. A small
+// `receiveBuffer` keeps what the kernel holds for a client that does not read
+// small.
 struct Client {
-  explicit Client(uint16_t port, int receiveBuffer = 0) {
+  explicit Client(uint16_t port, int receiveBuffer = 0, const char* host = "127.0.0.1") {
+    sockaddr_in6 v6{AF_INET6, htons(port), 0, {}, 0};
+    sockaddr_in v4{AF_INET, htons(port), {}, {}};
+    const bool six = inet_pton(AF_INET6, host, &v6.sin6_addr) == 1;
+    if (!six) inet_pton(AF_INET, host, &v4.sin_addr);
+    fd = ::socket(six ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
     if (receiveBuffer > 0) ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(int));
     timeval limit{10, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    connected = six ? ::connect(fd, reinterpret_cast<sockaddr*>(&v6), sizeof v6) == 0
+                    : ::connect(fd, reinterpret_cast<sockaddr*>(&v4), sizeof v4) == 0;
   }
   ~Client() { ::close(fd); }
   Client(const Client&) = delete;
@@ -97,7 +103,7 @@ struct Client {
     }
   }
 
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  int fd = -1;
   bool connected = false;
 };
 
@@ -312,18 +318,39 @@ TEST_F(SyncSocketServerTest, ShutdownDeliversTheAnswerInProgressAndClosesAll) {
   server_.Shutdown();  // a second call is harmless
 }
 
-TEST_F(SyncSocketServerTest, PortInUseFailsTheStartAndLeavesNoDescriptor) {
+// The request port listens only where it is told; a start that cannot
+// listen (a taken port, an address that is no literal) fails and leaves no
+// descriptor behind.
+TEST_F(SyncSocketServerTest, ListensOnlyWhereToldAndAFailedStartLeavesNoDescriptor) {
   auto descriptors = [] {
     auto fds = std::filesystem::directory_iterator("/proc/self/fd");
     return std::distance(begin(fds), end(fds));
   };
+  auto echo = [](std::string_view request) { return "re:" + std::string(request); };
+  const struct {
+    const char *bind, *reached, *missed;
+  } cases[] = {{"127.0.0.2", "127.0.0.2", "127.0.0.1"},
+               {"::1", "::1", "127.0.0.1"},
+               {"", "127.0.0.3", "::1"}};  // every IPv4 address, as it always did
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.bind);
+    CSyncSocketServer server(echo);
+    server.SetBindAddress(c.bind);
+    ASSERT_TRUE(server.Start());
+    EXPECT_EQ(Client(server.BoundPort(), 0, c.reached).RoundTrip("ping"), "re:ping");
+    EXPECT_FALSE(Client(server.BoundPort(), 0, c.missed).connected);
+  }
   StartServer();
-  CSyncSocketServer second([](std::string_view) { return std::string("x"); });
-  second.SetPort(server_.BoundPort());
-  auto before = descriptors();
-  EXPECT_FALSE(second.Start());
-  EXPECT_EQ(descriptors(), before);
-  EXPECT_EQ(second.Run(), 0);
+  for (const char* bind : {"", "localhost", "127.0.0.1 ", "1.2.3", "::g"}) {
+    SCOPED_TRACE(bind);
+    CSyncSocketServer second(echo);
+    second.SetPort(*bind == '\0' ? server_.BoundPort() : 0);
+    second.SetBindAddress(bind);
+    auto before = descriptors();
+    EXPECT_FALSE(second.Start());
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(second.Run(), 0);
+  }
   EXPECT_EQ(Connect()->RoundTrip("ping"), "re:ping");  // the first one is unaffected
 }
 
