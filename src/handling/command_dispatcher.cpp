@@ -59,7 +59,7 @@ void RunReceiveMail(RequestFields& request, wxEntryLog& answer) {
   std::shared_ptr<AccountRegistry> registry = RegistryOrFailure(answer, "Load pop3 message error");
   if (!registry) return;
   MailReceiver receiver(request, *registry);
-  if (!Retrieve(receiver, answer)) return;
+  if (!receiver.DestinationAllowed(answer) || !Retrieve(receiver, answer)) return;
   receiver.SaveAttachments();
   receiver.ApplyDefaultBody(g_settings.defaultBody);
   receiver.WriteAnswer(answer);

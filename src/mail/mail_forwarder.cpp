@@ -13,6 +13,7 @@ void MailForwarder::Merge(const RenderedMail& original, const std::string& attac
   // Only the retrieved message's own attachments go on, never files of the
   // request.
   mail.attachments.clear();
+  mail.refusedAttachment.reset();
   for (const RenderedMail::Attachment& attachment : original.attachments) {
     if (attachment.size >= 0) {
       mail.attachments.push_back(attachmentDirectory + attachment.name);

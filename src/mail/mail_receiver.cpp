@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "base/confined_path.h"
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "base/service_settings.h"
@@ -55,6 +56,17 @@ MailReceiver::MailReceiver(RequestFields& request, const AccountRegistry& regist
 
 MailReceiver::~MailReceiver() {
   if (connected_) client_.POP3Close();
+}
+
+bool MailReceiver::DestinationAllowed(wxEntryLog& answer) {
+  if (!destination_ || FtpPathOfUrl(*destination_)) return true;
+  if (auto inside = ClientLocalPath(*destination_)) {
+    destination_ = std::move(inside);
+    return true;
+  }
+  WriteFailure(answer, "Load pop3 message error");
+  WriteLog(kLogError, "Attachment directory %s is outside files_root\n", destination_->c_str());
+  return false;
 }
 
 int MailReceiver::Fetch(wxEntryLog& answer, int pop3TimeoutSeconds) {
@@ -191,7 +203,7 @@ void MailReceiver::SaveAttachments() {
   }
   char last = destination.empty() ? '\0' : destination.back();
   if (last != '/' && last != '\\') destination += '/';
-  SaveAttachmentsInto(std::move(destination));
+  SaveAttachmentsInto(std::move(destination), true);
 }
 
 void MailReceiver::SaveAttachmentCopies() {
@@ -204,7 +216,7 @@ const std::string& MailReceiver::ScratchPath() {
   return scratch_->Path();
 }
 
-void MailReceiver::SaveAttachmentsInto(std::string directory) {
+void MailReceiver::SaveAttachmentsInto(std::string directory, bool clients) {
   attachmentDirectory_ = std::move(directory);
   for (int i = 0; i < message_.AttachmentCount(); ++i) {
     const std::string* rawName = message_.AttachmentName(i);
@@ -212,7 +224,9 @@ void MailReceiver::SaveAttachmentsInto(std::string directory) {
     std::string name = AttachmentFileName(*rawName, targetCharset_);
     std::string path = attachmentDirectory_ + name;
     WriteLog(kLogDebug, "Save attachment file %s in local directory\n", path.c_str());
-    int64_t size = message_.SaveAttachment(i, path);
+    const bool inside = !clients || ClientLocalPath(path);
+    if (!inside) WriteLog(kLogError, "Attachment file %s is outside files_root\n", path.c_str());
+    int64_t size = inside ? message_.SaveAttachment(i, path) : -1;
     rendered_.attachments.push_back({std::move(name), size});
   }
 }

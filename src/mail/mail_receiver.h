@@ -39,6 +39,9 @@ class MailReceiver {
   MailReceiver(const MailReceiver&) = delete;
   MailReceiver& operator=(const MailReceiver&) = delete;
 
+  // False, with the failure answer, when "Attachment" names a local
+  // directory outside [Application] files_root; asked before Fetch.
+  bool DestinationAllowed(wxEntryLog& answer);
   // Logs in and loads the message from the cache or the server, with the
   // receive time-out `pop3TimeoutSeconds` (doubled from 2 MB, tripled from
   // 3 MB). 0, 100 when a required field is missing, or a result code; a
@@ -76,7 +79,9 @@ class MailReceiver {
  private:
   int FetchFromServer(const std::string& cachedPath);
   std::optional<std::string> DisplayHeader(HeaderFieldId field) const;
-  void SaveAttachmentsInto(std::string directory);
+  // `clients`: the directory is the one the request named, so each file
+  // must stay inside files_root too (a link in its place could lead out).
+  void SaveAttachmentsInto(std::string directory, bool clients = false);
   // Uploads the attachments to the configured FTP server when the request
   // named one; false when any of them did not arrive.
   bool UploadAttachments();

@@ -1,5 +1,6 @@
 #include "mail/mail_sender.h"
 
+#include "base/confined_path.h"
 #include "base/decimal_text.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
@@ -66,6 +67,7 @@ MailSender::MailSender(RequestFields& request) {
   mail_.priority = request.Parameter("Priority");
   mail_.receipt = request.Parameter("Receipt") == "true";
   for (int i = 1; std::optional<std::string> path = request.ParameterAt("Attachments", i); ++i) {
+    if (!ClientLocalPath(*path) && !mail_.refusedAttachment) mail_.refusedAttachment = *path;
     mail_.attachments.push_back(std::move(*path));
   }
 }
@@ -98,6 +100,12 @@ void MailSender::Send(wxEntryLog& answer) {
   if (!mail_.smtpHost || !mail_.to) {
     WriteFailure(answer, kMissingFieldText);
     WriteLog(kLogError, "%s\n", kMissingFieldText);
+    return;
+  }
+  if (mail_.refusedAttachment) {
+    WriteFailure(answer, "Send mail error");
+    WriteLog(kLogError, "Send mail ocurr error: attachment %s is outside files_root\n",
+             mail_.refusedAttachment->c_str());
     return;
   }
   if (mail_.authenticate) {

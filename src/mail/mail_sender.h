@@ -26,6 +26,9 @@ struct OutgoingMail {
   std::optional<std::string> priority;
   bool receipt = false;
   std::vector<std::string> attachments;  // paths on this machine, in order
+  // The first file of the request outside [Application] files_root: the
+  // send fails before it connects.
+  std::optional<std::string> refusedAttachment;
 };
 
 // "SendMail": one plain-text message, with files attached, submitted through

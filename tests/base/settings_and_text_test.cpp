@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "base/ascii_text.h"
+#include "base/confined_path.h"
 #include "base/debug_trace.h"
 #include "base/decimal_text.h"
 #include "base/ini_file.h"
@@ -57,14 +58,18 @@ TEST_F(IniSettingsTest, KeysAreFoundOnlyInTheirOwnSectionAndLongLinesComeInPiece
 TEST_F(IniSettingsTest, EverySettingIsReadFromItsKey) {
   ServiceSettings none = ServiceSettings::Load(IniFile(dir_ / "absent.ini"));
   EXPECT_FALSE(none.ftpHost || none.ftpLogin || none.ftpPassword || none.notifyProgram ||
-               none.defaultBody || none.ftpPassive || none.smtpTls != SmtpTlsSetting::kAuto);
+               none.defaultBody || none.ftpPassive || none.smtpTls != SmtpTlsSetting::kAuto ||
+               none.bindAddress || none.filesRoot);
   ServiceSettings s = ServiceSettings::Load(
       Load("[Ftp]\nHost=ftp.local\nLogin=up\nPwd=secret\nPort=2121\nPassive=1\n[Smtp]\nTls=off\n"
            "[Pushmail]\nSender=/opt/push/notify\nInterval= 5s\n[Application]\nport=+8600x\n"
            "subject_length=24\npop3_timeout=\noperation_timeout=9\nmax_message_size=2\n"
-           "default_body=(no text)\nlog_level=error\n"));
+           "default_body=(no text)\nlog_level=error\nbind=::1\nfiles_root=\n"));
   EXPECT_EQ(std::tuple(*s.ftpHost, *s.ftpLogin, *s.ftpPassword, *s.notifyProgram, *s.defaultBody),
             std::tuple("ftp.local", "up", "secret", "/opt/push/notify", "(no text)"));
+  EXPECT_EQ(std::pair(s.bindAddress, s.filesRoot),
+            std::pair(std::optional<std::string>("::1"), std::optional<std::string>()));
+  EXPECT_EQ(ServiceSettings::Load(Load("[Application]\nfiles_root=/srv/f\n")).filesRoot, "/srv/f");
   EXPECT_EQ(
       std::tuple(s.ftpPort, s.ftpPassive, s.smtpTls, s.checkIntervalMs, s.listenPort,
                  s.subjectLength, s.pop3Timeout, s.operationTimeout, s.maxMessageMb, s.logLevel),
@@ -141,6 +146,44 @@ TEST(ProgramPathsTest, EverythingLivesUnderTheProgramDirectoryWhichIsMadeWhenMis
   EXPECT_TRUE(std::filesystem::is_directory(dir.path() + "/a/b/c/d"));
   EXPECT_EQ(test::ReadFile(dir / "blocker"), "data");
   EXPECT_EQ(std::filesystem::current_path(), workingDirectory);
+}
+
+// A path is inside the root only as what it resolves to, links followed; a
+// part still to be made is judged by its names.
+TEST(ConfinedPathTest, APathIsInsideOnlyAsItResolves) {
+  test::TempDir dir;
+  const std::string base = std::filesystem::canonical(dir.path()), root = base + "/root";
+  std::filesystem::create_directories(root + "/sub");
+  std::filesystem::create_directories(base + "/root2");
+  test::WriteFile(root + "/sub/file", "x");
+  std::filesystem::create_directory_symlink(root + "/sub", root + "/in");
+  std::filesystem::create_directory_symlink(base, root + "/out");
+  std::filesystem::create_symlink(base + "/made", root + "/dangling");
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {root, root},
+      {root + "/sub/", root + "/sub"},
+      {root + "/./in/new/./deeper/", root + "/sub/new/deeper"},
+      {root + "/out", std::nullopt},
+      {root + "/out/root/sub", root + "/sub"},  // out and back in
+      {root + "/out/new", std::nullopt},
+      {root + "/dangling", std::nullopt},  // writing through it would make base/made
+      {root + "/dangling/", std::nullopt},
+      {root + "/dangling/x", std::nullopt},
+      {root + "/../root2", std::nullopt},
+      {base + "/root2/x", std::nullopt},  // the root's name is only a prefix of it
+      {root + "/new/../../x", std::nullopt},
+      {root + "/sub/file/x", std::nullopt},
+      {"", std::nullopt}};
+  for (const auto& [path, resolved] : cases) EXPECT_EQ(PathWithin(path, root), resolved) << path;
+  EXPECT_EQ(PathWithin(root + "/sub", base + "/missing"), std::nullopt);
+  EXPECT_EQ(PathWithin(root + "/in/x", "/"), root + "/sub/x");
+  const ServiceSettings saved = g_settings;
+  EXPECT_EQ(ClientLocalPath("../anywhere"), "../anywhere");  // no files_root: as named
+  g_settings.filesRoot = root + "/in/";
+  EXPECT_EQ(ClientLocalPath(root + "/in/file"), root + "/sub/file");
+  EXPECT_EQ(ClientLocalPath(root + "/in/new"), root + "/sub/new");
+  EXPECT_EQ(ClientLocalPath(root), std::nullopt);
+  g_settings = saved;
 }
 
 }  // namespace

@@ -474,6 +474,54 @@ TEST(SendMailTest, EveryFailureHasItsAnswerARefusalStopsTheRestAndBccStaysHidden
   EXPECT_TRUE(peer.Finish()) << peer.Errors();
 }
 
+// With files_root set, every local path a request names must resolve inside
+// it, links followed; a refused one fails the request before any server is
+// asked, and the forward's own copies are not the request's.
+TEST_F(MailboxTest, FilesRootConfinesEveryLocalPathARequestNames) {
+  test::TempDir root, outside;
+  fs::create_directories(root / "in");
+  fs::create_directory_symlink(outside.path(), root / "out");
+  fs::create_symlink(outside / "x.bin", root / "in/_.._x.bin");  // where the attachment goes
+  const ServiceSettings saved = g_settings;
+  g_settings.filesRoot = root.path();
+  const std::pair<std::string, bool> directories[] = {
+      {root / "in", true},        {root / "in/new/", true}, {root / "out", false},
+      {root / "in/../..", false}, {outside.path(), false},  {"ftp://files.example/box", true}};
+  for (const auto& [directory, allowed] : directories) {
+    ScriptedPeer idle({}, 100);
+    std::string bytes = Request(idle, {{"ID", "m1"}, {"Attachment", directory}});
+    RequestFields request(bytes.data(), bytes.size());
+    wxEntryLog answer;
+    answer.SetRecording(true);
+    EXPECT_EQ(MailReceiver(request, registry_).DestinationAllowed(answer), allowed) << directory;
+    EXPECT_EQ(answer.Serialize(), allowed ? "" : Failure("Load pop3 message error"));
+  }
+  // A link in the attachment's place leads out: that file is not written.
+  ScriptedPeer scanned(test::Join({Retrieval(300, {Send("+OK\r\n" + kScan + ".\r\n")}), kQuit}));
+  EXPECT_NE(Receive(scanned, {{"Attachment", root / "in"}})
+                .second.find(Entry(3, "Attachment0", "_.._x.bin,-1")),
+            std::string::npos);
+  EXPECT_FALSE(fs::exists(outside / "x.bin"));
+  test::WriteFile(root / "in/a.txt", "a");
+  for (auto [path, refused] :
+       {std::pair{root / "in/a.txt", false}, {root / "out/f", true}, {root / "in/../../f", true}}) {
+    std::string bytes = test::MailRequest({}, {}, {{"Attachments", root / "in/a.txt," + path}});
+    RequestFields request(bytes.data(), bytes.size());
+    EXPECT_EQ(MailSender(request).Mail().refusedAttachment.has_value(), refused) << path;
+  }
+  ScriptedPeer idle({}, 100);
+  EXPECT_EQ(SendMail(idle.port(), {{"To", "a@x.com"}}, {}, {{"Attachments", root / "out/f"}}),
+            Failure("Send mail error"));
+  idle.Finish();
+  EXPECT_EQ(idle.Connections(), 0);
+  std::string bytes = test::MailRequest({}, {}, {{"Attachments", "/etc/passwd"}});
+  RequestFields request(bytes.data(), bytes.size());
+  MailForwarder forwarder(request);
+  forwarder.Merge({}, outside.path() + "/");
+  EXPECT_FALSE(forwarder.Mail().refusedAttachment);
+  g_settings = saved;
+}
+
 // from, to, cc, subject, date, body, priority and attachments.
 RenderedMail Original() {
   return {"Ann <ann@example.com>", "me@example.org",     {}, "Plans",

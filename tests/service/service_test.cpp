@@ -160,6 +160,24 @@ TEST(StartupTest, ASwitchSetsUpTheProgramDirectoryAndLogsWhatItIsAboutToDo) {
       << log;
   EXPECT_NE(log.find(" Accounts profile is not exist.\n"), std::string::npos);
   EXPECT_EQ(log.find("Destroy global variables."), std::string::npos);  // a debug line
+
+  // Under a unit, systemd names where the configuration, state and logs go.
+  test::TempDir system;
+  test::WriteFile(system / "config.ini", "[Application]\nport=1234\n");
+  test::ScopedEnv config("CONFIGURATION_DIRECTORY", system.path());
+  test::ScopedEnv state("STATE_DIRECTORY", system / "state:" + (system / "unused"));
+  test::ScopedEnv logs("LOGS_DIRECTORY", system / "logs/");
+  std::filesystem::remove_all(gateway.dir() / "log");
+  EXPECT_EQ(test::RunCommand("'" + (gateway.dir() / "corvane") + "' -x").status, 0);
+  for (const char* name : {"state/temp", "state/cache", "logs"}) {
+    EXPECT_TRUE(std::filesystem::is_directory(system / name)) << name;
+  }
+  EXPECT_FALSE(std::filesystem::exists(gateway.dir() / "log"));
+  EXPECT_FALSE(std::filesystem::exists(system / "unused"));
+  const auto entries = std::filesystem::directory_iterator(system / "logs");
+  ASSERT_NE(begin(entries), end(entries));
+  EXPECT_NE(test::ReadFile(begin(entries)->path()).find("starting on port 1234..."),
+            std::string::npos);
 }
 
 TEST(GatewayRunTest, ReadyOnceThePortAcceptsSigtermEndsItAndATakenPortExitsWithOne) {
