@@ -35,10 +35,9 @@ std::optional<std::string> PathWithin(const std::string& path, const std::string
     const std::string last = existing.substr(cut == std::string::npos ? 0 : cut + 1);
     if (last == "..") return std::nullopt;
     if (last != "." && !last.empty()) missing = "/" + last + missing;
-    if (cut == std::string::npos)
-      existing = ".";
-    else
-      existing.resize(cut == 0 ? 1 : cut);
+    // What is left: the directory above, or the working directory.
+    existing.resize(cut == std::string::npos ? 0 : cut == 0 ? 1 : cut);
+    if (existing.empty()) existing.push_back('.');
   }
   std::string full = *resolved == "/" && !missing.empty() ? missing : *resolved + missing;
   const bool inside = full == *realRoot || *realRoot == "/" ||

@@ -26,13 +26,20 @@ namespace corvane {
 namespace {
 
 constexpr char kDefaultUnitDirectory[] = "/etc/systemd/system";
+constexpr char kPackageUnitDirectory[] = "/lib/systemd/system";
+
+// A unit directory of the caller's choosing: systemd and the package's unit
+// are left out of it.
+bool UnitDirectoryChosen() {
+  const char* chosen = std::getenv("CORVANE_SYSTEMD_DIR");
+  return chosen != nullptr && *chosen != '\0';
+}
 
 // Whether systemd manages this machine's units, so that a unit written for
 // it is to be loaded and enabled (not so for a unit directory of the
 // caller's choosing).
 bool SystemdManagesUnits() {
-  const char* chosen = std::getenv("CORVANE_SYSTEMD_DIR");
-  return (chosen == nullptr || *chosen == '\0') && access("/run/systemd/system", F_OK) == 0;
+  return !UnitDirectoryChosen() && access("/run/systemd/system", F_OK) == 0;
 }
 
 // Runs "systemctl <verb> [unit]" and waits for it; true when it succeeded.
@@ -138,8 +145,7 @@ bool TCService::OnUserControl(unsigned long code) {
 }
 
 std::string TCService::UnitDirectory() {
-  const char* chosen = std::getenv("CORVANE_SYSTEMD_DIR");
-  return chosen != nullptr && *chosen != '\0' ? chosen : kDefaultUnitDirectory;
+  return UnitDirectoryChosen() ? std::getenv("CORVANE_SYSTEMD_DIR") : kDefaultUnitDirectory;
 }
 
 std::string TCService::UnitPath() const {
@@ -149,7 +155,11 @@ std::string TCService::UnitPath() const {
 }
 
 bool TCService::IsInstalled() const {
-  return access(UnitPath().c_str(), F_OK) == 0;
+  // The package's unit counts as well, unless a unit directory was chosen.
+  const std::string path = UnitPath();
+  const std::string packaged = kPackageUnitDirectory + path.substr(UnitDirectory().size());
+  return access(path.c_str(), F_OK) == 0 ||
+         (!UnitDirectoryChosen() && access(packaged.c_str(), F_OK) == 0);
 }
 
 bool TCService::Install() {
