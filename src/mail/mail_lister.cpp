@@ -74,6 +74,16 @@ int MailLister::Open(wxEntryLog& answer) {
 }
 
 void MailLister::GatherItems(int subjectLength) {
+  // Headers not in the cache: a server that takes pipelined commands gets
+  // their TOPs ahead of the replies, one round trip for many instead of
+  // one each. Asked only when there are several, so that a warm listing
+  // keeps its session as it was.
+  std::vector<int> uncached;
+  for (int number = 1; number <= count_; ++number) {
+    const char* uid = client_.GetUID(number);
+    if (uid != nullptr && !cache_.Find(uid)) uncached.push_back(number);
+  }
+  if (uncached.size() > 1 && client_.AskPipelining()) client_.SendTopsAhead(uncached, 0);
   for (int number = 1; number <= count_; ++number) {
     const char* uidText = client_.GetUID(number);
     // A message the id list does not name cannot be asked for later.

@@ -33,12 +33,18 @@ int CommandClient::ConnectToServer(const char* host) {
 }
 
 bool CommandClient::SendCommand(std::string_view command) {
-  if (!IsSafeCommandArgument(command)) return false;
-  std::string line(command);
-  line += "\r\n";
+  return SendCommands({std::string(command)});
+}
+
+bool CommandClient::SendCommands(const std::vector<std::string>& commands) {
+  std::string lines;
+  for (const std::string& command : commands) {
+    if (!IsSafeCommandArgument(command)) return false;
+    lines += command + "\r\n";
+  }
   const bool sent =
-      Send(line.data(), static_cast<int>(line.size())) == static_cast<int>(line.size());
-  Forget(line);
+      Send(lines.data(), static_cast<int>(lines.size())) == static_cast<int>(lines.size());
+  Forget(lines);
   return sent;
 }
 

@@ -42,6 +42,9 @@ class CommandClient : public CNetClient {
   // and what follows would reach the server as a command of its own. The
   // line is wiped once sent (it may carry a password).
   bool SendCommand(std::string_view command);
+  // The same for several commands at once, in one write (pipelining); false
+  // when any of them may not be sent, and then none is.
+  bool SendCommands(const std::vector<std::string>& commands);
   // Reads one reply line of at most `room` - 1 bytes (a longer one comes in
   // pieces) as the last line: its length, 0 when nothing came within
   // `timeoutSeconds` (0 or less: the socket's own time-out).

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ascii_text.h"
 #include "base/decimal_text.h"
 #include "base/limits.h"
 #include "protocol/command_text.h"
@@ -79,6 +80,7 @@ int Pop3Client::SocketOnConnected(int socket, const char* host) {
 
 int Pop3Client::POP3Connect(const char* host, const char* user, const char* password) {
   POP3Close();
+  DropAhead();
   statCount_ = -1;
   if (!IsSafeCommandArgument(user) || !IsSafeCommandArgument(password)) {
     return OnError(kNetInvalidParameter);
@@ -95,6 +97,7 @@ int Pop3Client::POP3Connect(const char* host, const char* user, const char* pass
 }
 
 int Pop3Client::POP3Close() {
+  DropAhead();
   if (IsConnected()) {
     SendCommand("QUIT");
     // No answer to QUIT: the socket is left as it is.
@@ -105,7 +108,11 @@ int Pop3Client::POP3Close() {
 
 int Pop3Client::Command(const char* text, int negativeCode) {
   if (!IsConnected()) return kNoConnection;
-  SendCommand(text);
+  if (ahead_.empty()) {
+    SendCommand(text);
+  } else if (!TakeAhead(text)) {
+    return kNoConnection;
+  }
   if (!ReadReply()) return kNoResponse;
   return ReplyPositive() ? kNetOk : negativeCode;
 }
@@ -288,6 +295,57 @@ int Pop3Client::GetUIDL(int number) {
       AddUid(ReadDecimal(messageNumber), std::move(uid));
     }
   }
+}
+
+bool Pop3Client::AskPipelining() {
+  if (Command("CAPA", kNetInvalidResponse) != 0) return false;
+  bool pipelining = false;
+  char line[kResponseSize];
+  for (int pieces = 0; pieces < limits::kMaxReplyLines; ++pieces) {
+    const bool starts = lineStart_;
+    bool ended = false;
+    int length = ReadListingPiece(line, sizeof line, GetReplyTimeOut(), ended);
+    if (ended) return pipelining;
+    if (length < 1) break;
+    std::string_view name(line, static_cast<size_t>(length));
+    name = name.substr(0, name.find_first_of(" \r\n"));
+    pipelining = pipelining || (starts && SameText(std::string(name), "PIPELINING"));
+  }
+  CloseConnection();
+  return false;
+}
+
+void Pop3Client::SendTopsAhead(const std::vector<int>& numbers, int lines) {
+  for (int number : numbers) {
+    queued_.push_back("TOP " + std::to_string(number) + " " + std::to_string(lines));
+  }
+  TakeAhead({});
+}
+
+bool Pop3Client::TakeAhead(const std::string& text) {
+  if (!text.empty()) {
+    if (ahead_.empty() || ahead_.front() != text) {
+      DropAhead();
+      CloseConnection();
+      return false;
+    }
+    ahead_.pop_front();
+  }
+  // Topped up in halves, so that a window's worth goes out in few writes.
+  if (ahead_.size() > kPipelineWindow / 2 || queued_.empty()) return true;
+  std::vector<std::string> batch;
+  while (!queued_.empty() && ahead_.size() < kPipelineWindow) {
+    batch.push_back(queued_.front());
+    ahead_.push_back(std::move(queued_.front()));
+    queued_.pop_front();
+  }
+  SendCommands(batch);
+  return true;
+}
+
+void Pop3Client::DropAhead() {
+  ahead_.clear();
+  queued_.clear();
 }
 
 void Pop3Client::AddUid(int number, std::string uid) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -41,6 +42,17 @@ class Pop3Client : public CommandClient {
   // rest did not arrive.
   virtual int ReadTopLine(char* buffer, int max);
   virtual int CloseTop();
+  // Asks CAPA whether the server takes pipelined commands (RFC 2449
+  // PIPELINING). False when it does not, or does not know CAPA; a CAPA
+  // reply that does not end within its bounds also closes the connection,
+  // whose replies could no longer be told apart.
+  bool AskPipelining();
+  // For a server that takes them: the TOP commands of `numbers` go out ahead
+  // of their replies, at most kPipelineWindow unanswered at a time, and
+  // OpenTop of those numbers, in this order, reads its reply instead of
+  // sending. The commands and their order on the wire stay the same.
+  void SendTopsAhead(const std::vector<int>& numbers, int lines);
+  static constexpr size_t kPipelineWindow = 64;
   virtual int DeleteMsg(int number);
   virtual int ResetDelete();
   // A RETR that goes past this many bytes stops with 79. 0 or less: no limit.
@@ -78,15 +90,22 @@ class Pop3Client : public CommandClient {
   int ReadOpenLine(bool open, bool& done, char* buffer, int max);
   int CloseOpen(bool& open, bool& done);
   void AddUid(int number, std::string uid);
+  // Whether `text` is the next command sent ahead (then taken, and more of
+  // the queue sent while the window is half empty); a different command
+  // while some are ahead puts the session out of step: it is closed.
+  bool TakeAhead(const std::string& text);
+  void DropAhead();
 
   bool messageOpen_ = false, messageDone_ = false;
   bool topOpen_ = false, topDone_ = false;
   std::vector<UidEntry> uids_;
   std::unordered_map<int, size_t> uidIndex_;  // number -> its entry in uids_
   int statCount_ = -1;
-  int64_t maxRetrieveBytes_ = 0;  // the last STAT count, capped
-  bool greetingRead_ = false;     // by the STLS upgrade
-  bool lineStart_ = true;         // the next piece of a listing begins a line
+  int64_t maxRetrieveBytes_ = 0;    // the last STAT count, capped
+  bool greetingRead_ = false;       // by the STLS upgrade
+  bool lineStart_ = true;           // the next piece of a listing begins a line
+  std::deque<std::string> ahead_;   // sent, their replies not yet read
+  std::deque<std::string> queued_;  // to be sent ahead as the window allows
 };
 
 }  // namespace corvane

@@ -161,21 +161,34 @@ TEST_F(MailboxTest, ListingShortensSubjectsFlagsMixedMailAndKeepsTheCacheOfAnOpe
   EXPECT_EQ(List(busy), test::SuccessHead());
   EXPECT_EQ(CacheFiles(busy), std::set<std::string>{"list.cache"});
   EXPECT_EQ(test::ReadFile(CachePath(busy, "list.cache")), cache) << "nothing gathered";
-  ScriptedPeer peer(Listing(
-      3, "1 a\r\n2 b\r\n3 c\r\n",
-      {Expect("TOP 1 0\r\n"),
-       Send(Multiline("From: Zhang \xd5\xc5 <z@x.com>\r\nSubject: 0123456789\r\n"
-                      "Content-Type: multipart/mixed")),
-       Expect("TOP 2 0\r\n"),
-       Send(Multiline("Subject: abcd\xd6\xd0\xce\xc4xyz\r\nContent-Type: multipart/mixed; b=x")),
-       Expect("TOP 3 0\r\n"), Send(Multiline("Subject: 0123456\r\nContent-Type: text/plain"))}));
-  // A plain 8-bit sender is passed on without conversion.
-  const std::string t0 = "1970-01-01 00:00";
-  EXPECT_EQ(List(peer, 5),
-            test::SuccessHead() +
-                Entry(2, "Row0", Row("a", "01234...", t0, "0", "Zhang \xd5\xc5 <z@x.com>")) +
-                Entry(2, "Row1", Row("b", "abcd...", t0, "1")) +
-                Entry(2, "Row2", Row("c", "0123456", t0, "0")));
+  // Three headers to fetch: CAPA is asked, and a server that takes pipelined
+  // commands gets the TOPs ahead of their replies.
+  const std::string replies[] = {
+      Multiline("From: Zhang \xd5\xc5 <z@x.com>\r\nSubject: 0123456789\r\n"
+                "Content-Type: multipart/mixed"),
+      Multiline("Subject: abcd\xd6\xd0\xce\xc4xyz\r\nContent-Type: multipart/mixed; b=x"),
+      Multiline("Subject: 0123456\r\nContent-Type: text/plain")};
+  for (bool pipelining : {false, true}) {
+    std::vector<Step> tops = {Expect("CAPA\r\n"),
+                              Send(pipelining ? "+OK\r\nPIPELINING\r\n.\r\n" : "-ERR\r\n")};
+    if (pipelining) {
+      tops.insert(tops.end(), {Expect("TOP 1 0\r\nTOP 2 0\r\nTOP 3 0\r\n"),
+                               Send(replies[0] + replies[1] + replies[2])});
+    }
+    for (int n = 0; n < 3 && !pipelining; ++n) {
+      tops.insert(tops.end(),
+                  {Expect("TOP " + std::to_string(n + 1) + " 0\r\n"), Send(replies[n])});
+    }
+    ScriptedPeer peer(Listing(3, "1 a\r\n2 b\r\n3 c\r\n", tops));
+    // A plain 8-bit sender is passed on without conversion.
+    const std::string t0 = "1970-01-01 00:00";
+    EXPECT_EQ(List(peer, 5),
+              test::SuccessHead() +
+                  Entry(2, "Row0", Row("a", "01234...", t0, "0", "Zhang \xd5\xc5 <z@x.com>")) +
+                  Entry(2, "Row1", Row("b", "abcd...", t0, "1")) +
+                  Entry(2, "Row2", Row("c", "0123456", t0, "0")));
+    fs::remove_all(CachePath(peer));
+  }
 }
 
 TEST_F(MailboxTest, ACutShortCacheGivesHitsBeforeTheCutAndKnownIdsStayBoundedAndInTheCache) {

@@ -210,6 +210,50 @@ TEST_F(Pop3ClientTest, OnlyALineStartEndsAListingOrLosesADot) {
        {Pause(3000)});
 }
 
+// CAPA says whether TOPs may go out ahead: PIPELINING at the start of a line,
+// in any case; a CAPA reply past its bounds closes the session. Ahead, at
+// most the window goes unanswered, and the replies read as one by one.
+TEST_F(Pop3ClientTest, PipelinedTopsGoOutAheadWithinTheWindowAndReadAsBefore) {
+  const std::pair<std::string, bool> capas[] = {
+      {"+OK\r\nTOP\r\npipelining\r\nUIDL\r\n.\r\n", true},
+      {"+OK\r\nPIPELININGS\r\n" + std::string(1100, 'x') + "PIPELINING\r\n.\r\n", false},
+      {"-ERR unknown\r\n", false},
+      {"+OK\r\n" + std::string(limits::kMaxReplyLines, 'P') + "PIPELINING\r\n.\r\n", false}};
+  for (const auto& [capa, pipelined] : capas) {
+    ScriptedPeer peer(Join({Pop3Login(), Pop3Exchange({{"CAPA", capa}})}));
+    ASSERT_EQ(Connect(peer), 0);
+    EXPECT_EQ(client_.AskPipelining(), pipelined) << Printable(capa);
+    EXPECT_EQ(client_.IsConnected(), capa.size() < 2000);  // the endless one is dropped
+    client_.CloseConnection();
+  }
+  std::string window, rest, replies;
+  std::vector<int> numbers;
+  for (int n = 1; n <= 100; ++n) {
+    numbers.push_back(n);
+    (n <= 64 ? window : rest) += "TOP " + std::to_string(n) + " 0\r\n";
+    replies += n == 3 ? "-ERR gone\r\n" : "+OK\r\nSubject: " + std::to_string(n) + "\r\n.\r\n";
+  }
+  auto nothingMore = [](PeerSession& session, std::string& error) {
+    if (!session.pending().empty()) error = "past the window: " + Printable(session.pending());
+    return error.empty();
+  };
+  ScriptedPeer peer(Join({Pop3Login(),
+                          {Expect(window), Do(nothingMore), Send(replies), Expect(rest)},
+                          Pop3Exchange({{"STAT", "+OK 1 9\r\n"}, {"TOP 1 0", "+OK\r\n.\r\n"}})}));
+  ASSERT_EQ(Connect(peer), 0);
+  client_.SendTopsAhead(numbers, 0);
+  for (int n : numbers) {
+    EXPECT_EQ(Open(n, true), n == 3 ? Of(kNetTopFailed) + "|closed 0"
+                                    : "0|Subject: " + std::to_string(n) + "\r\n|closed 0");
+  }
+  EXPECT_EQ(Run("STAT"), "0|1");  // none ahead any more: sent as ever
+  // A command other than the next one ahead: the replies no longer match.
+  client_.SendTopsAhead({1, 2}, 0);
+  EXPECT_EQ(Run("STAT"), Of(kNetNoConnection));
+  EXPECT_FALSE(client_.IsConnected());
+  EXPECT_TRUE(peer.Finish()) << peer.Errors();
+}
+
 TEST_F(Pop3ClientTest, RetrieveFailuresKeepWhatCame) {
   ScriptedPeer cut(Join({Pop3Login(), Pop3Exchange({{"RETR 1", "+OK\r\nline one\r\n"}})}));
   ASSERT_EQ(Connect(cut), 0);
