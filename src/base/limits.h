@@ -36,4 +36,8 @@ inline constexpr int kMaxReplyLines = 1000;
 // of our time than that.
 inline constexpr size_t kMaxReplyLineBytes = 64 * 1024;
 
+// Accounts the new-mail check polls at once ([Pushmail] Workers is held to
+// it): each is a thread and a connection.
+inline constexpr int kMaxCheckWorkers = 256;
+
 }  // namespace corvane::limits

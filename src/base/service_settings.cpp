@@ -36,6 +36,7 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
   if (auto interval = ini.Get("Pushmail", "Interval")) {
     s.checkIntervalMs = static_cast<int32_t>(static_cast<int64_t>(ReadDecimal(*interval)) * 1000);
   }
+  ReadNumber(ini, "Pushmail", "Workers", s.checkWorkers);
   ReadNumber(ini, "Application", "port", s.listenPort);
   s.bindAddress = NonEmpty(ini.Get("Application", "bind"));
   ReadNumber(ini, "Application", "subject_length", s.subjectLength);

@@ -1,5 +1,10 @@
 #include "handling/check_mail.h"
 
+#include <algorithm>
+#include <deque>
+#include <system_error>
+#include <vector>
+
 #include "accounts/process_registry.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
@@ -28,8 +33,10 @@ bool PollingOn(const Account& account) {
 }  // namespace
 
 CheckMailThread::CheckMailThread(std::optional<std::string> notifyProgram,
-                                 std::chrono::milliseconds interval)
-    : notifyProgram_(std::move(notifyProgram)), interval_(interval) {}
+                                 std::chrono::milliseconds interval, size_t workers)
+    : notifyProgram_(std::move(notifyProgram)),
+      interval_(interval),
+      workers_(std::max<size_t>(workers, 1)) {}
 
 CheckMailThread::~CheckMailThread() {
   Stop();
@@ -73,6 +80,50 @@ void CheckMailThread::Run() {
 }
 
 void CheckMailThread::CheckAllAccounts(const AccountRegistry& registry) {
+  // The accounts handed out in order; the workers take them first come.
+  std::mutex queueLock;
+  std::condition_variable queued;
+  std::deque<std::shared_ptr<Account>> queue;
+  bool handedOut = false;
+  // A worker ends once all is handed out and taken; `now` takes only what
+  // is queued already.
+  auto work = [&](bool now) {
+    for (;;) {
+      std::shared_ptr<Account> account;
+      {
+        std::unique_lock guard(queueLock);
+        queued.wait(guard, [&] { return now || handedOut || !queue.empty(); });
+        if (queue.empty() || Stopping()) return;
+        account = std::move(queue.front());
+        queue.pop_front();
+      }
+      CheckAccount(*account);
+    }
+  };
+  std::vector<std::thread> workers;
+  auto handOut = [&](std::shared_ptr<Account> account) {
+    {
+      std::lock_guard guard(queueLock);
+      queue.push_back(std::move(account));
+    }
+    queued.notify_one();
+    try {
+      if (workers.size() < workers_) workers.emplace_back(work, false);
+    } catch (const std::system_error&) {
+      if (workers.empty()) work(true);  // no thread to spare: checked here, one by one
+    }
+  };
+  HandOutAccounts(registry, handOut);
+  {
+    std::lock_guard guard(queueLock);
+    handedOut = true;
+  }
+  queued.notify_all();
+  for (std::thread& worker : workers) worker.join();
+}
+
+void CheckMailThread::HandOutAccounts(
+    const AccountRegistry& registry, const std::function<void(std::shared_ptr<Account>)>& handOut) {
   for (const std::shared_ptr<Account>& listed : registry.Accounts()) {
     if (Stopping()) return;
     std::string key = listed->Key();
@@ -85,7 +136,7 @@ void CheckMailThread::CheckAllAccounts(const AccountRegistry& registry) {
           std::lock_guard guard(account->lock);
           EnsureKnownUidsLoaded(*account);
         }
-        CheckAccount(*account);
+        handOut(std::move(account));
         break;
       }
       if (!Sleep(kHoldRecheck)) return;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,10 +16,13 @@ namespace corvane {
 // The new-mail check: a thread that visits every registered account with
 // polling on at a fixed interval, reads the header of each message whose id
 // the account has not seen, records the id and starts the notification
-// program for it. It runs while the process-wide registry exists.
+// program for it. It runs while the process-wide registry exists. A pass
+// checks up to `workers` accounts at once, each by one worker, since a
+// check spends its time waiting on round trips.
 class CheckMailThread {
  public:
-  CheckMailThread(std::optional<std::string> notifyProgram, std::chrono::milliseconds interval);
+  CheckMailThread(std::optional<std::string> notifyProgram, std::chrono::milliseconds interval,
+                  size_t workers = 1);
   // Stops the thread (see Stop).
   ~CheckMailThread();
   CheckMailThread(const CheckMailThread&) = delete;
@@ -29,22 +33,28 @@ class CheckMailThread {
   // to end; it ends on its own once the registry is gone.
   void Stop();
 
-  // One pass over the registry's accounts in the order they were added. An
-  // account whose polling is off holds the pass: the same account is looked
-  // at again (once a second) until its polling is on, it is removed, or the
-  // check stops.
+  // One pass over the registry's accounts, handed to the workers in the
+  // order they were added; it ends when every check it started has ended.
+  // An account whose polling is off holds the pass: no account after it is
+  // started until its polling is on (looked at once a second), it is
+  // removed, or the check stops.
   void CheckAllAccounts(const AccountRegistry& registry);
   // One account: log in, find the ids not yet known, notify each.
   void CheckAccount(Account& account);
 
  private:
   void Run();
+  // Hands every account with polling on to `handOut`, in order, under the
+  // hold rule.
+  void HandOutAccounts(const AccountRegistry& registry,
+                       const std::function<void(std::shared_ptr<Account>)>& handOut);
   bool Stopping();
   // Sleeps for `duration` unless stopped first; false once stopped.
   bool Sleep(std::chrono::milliseconds duration);
 
   const std::optional<std::string> notifyProgram_;
   const std::chrono::milliseconds interval_;
+  const size_t workers_;
   std::mutex lock_;
   std::condition_variable wake_;
   bool stopping_ = false;

@@ -1,8 +1,11 @@
 #include "service/startup.h"
 
+#include <algorithm>
+
 #include "accounts/process_registry.h"
 #include "base/ascii_text.h"
 #include "base/ini_file.h"
+#include "base/limits.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
 #include "service/gateway_service.h"
@@ -69,7 +72,8 @@ int RunProgram(int argc, char** argv) {
   // Before any thread starts, so that only the stop control takes them.
   BlockStopSignals();
   CheckMailThread checkMail(g_settings.notifyProgram,
-                            std::chrono::milliseconds(g_settings.checkIntervalMs));
+                            std::chrono::milliseconds(g_settings.checkIntervalMs),
+                            std::clamp(g_settings.checkWorkers, 1, limits::kMaxCheckWorkers));
   service.SetCheckMail(&checkMail);  // started once the port is bound
   service.StartService();
   DestroyGlobals();  // nothing left to do when the stop routine ran

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <ctime>
 #include <filesystem>
 #include <sstream>
@@ -206,6 +207,59 @@ TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell)
     EXPECT_EQ(NotifyCommandLine("/n", "1", "a", "d", std::string(size - 17, 's')),
               ("/n \"1\" \"a\" \"d\" \"" + std::string(size - 17, 's') + "\"").substr(0, 4095));
   }
+}
+
+// A pass checks accounts at once, up to its workers, but an account whose
+// polling is off holds back every account after it until it is switched on.
+TEST_F(CommandDispatcherTest, CheckMailPollsAtOnceButNeverPastAHeldAccount) {
+  std::atomic<int> connected{0};
+  // Each server greets only once all four checks are connected together.
+  const test::Step allFour = test::Do([&connected](test::PeerSession&, std::string& error) {
+    ++connected;
+    for (int i = 0; i < 1000 && connected < 4; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (connected < 4) error = "the checks did not run at once";
+    return error.empty();
+  });
+  auto mailbox = [](const std::string& login, std::vector<test::Step> first = {}) {
+    return test::Join({first,
+                       test::Pop3Login(login, "pw"),
+                       test::Pop3Listing(0, ""),
+                       {test::Expect("QUIT\r\n"), test::Send("+OK\r\n")}});
+  };
+  std::vector<std::unique_ptr<test::ScriptedPeer>> peers;
+  for (int i = 0; i < 4; ++i) {
+    const std::string login = "u" + std::to_string(i);
+    peers.push_back(std::make_unique<test::ScriptedPeer>(mailbox(login, {allFour})));
+    ASSERT_EQ(Config("append",
+                     Account("127.0.0.1," + login + ",pw,1," + std::to_string(peers[i]->port())),
+                     "start"),
+              "ConfigMail/success/");
+  }
+  CheckMailThread(std::nullopt, std::chrono::hours(1), 4)
+      .CheckAllAccounts(*g_accountRegistry.load());
+  for (auto& peer : peers) EXPECT_TRUE(peer->Finish()) << peer->Errors();
+
+  test::ScriptedPeer before(mailbox("a")), held(mailbox("h")), after(mailbox("b"));
+  auto reset = std::make_shared<AccountRegistry>(profile_ + ".2", dir_.path());
+  g_accountRegistry.store(reset);
+  const Fields h = Account("127.0.0.1,h,pw,1," + std::to_string(held.port()));
+  for (auto [login, peer, polling] :
+       {std::tuple{"a", &before, "start"}, {"h", &held, "stop"}, {"b", &after, "start"}}) {
+    ASSERT_EQ(
+        Config("append", Account("127.0.0.1,"s + login + ",pw,1," + std::to_string(peer->port())),
+               polling),
+        "ConfigMail/success/");
+  }
+  CheckMailThread check(std::nullopt, std::chrono::hours(1), 4);
+  std::thread pass([&] { check.CheckAllAccounts(*reset); });
+  EXPECT_TRUE(before.Finish()) << before.Errors();
+  EXPECT_EQ(after.Connections(), 0) << "checked past the held account";
+  EXPECT_EQ(Config("update", h, "start"), "ConfigMail/success/");
+  pass.join();
+  EXPECT_TRUE(held.Finish()) << held.Errors();
+  EXPECT_TRUE(after.Finish()) << after.Errors();
 }
 
 }  // namespace
