@@ -12,11 +12,10 @@
 #include "mail/header_display.h"
 #include "mail/known_uids.h"
 #include "mail/mail_date.h"
-#include "mail/mailbox_connection.h"
+#include "mail/mailbox_session.h"
 #include "mime/mail_message.h"
 #include "protocol/net_error.h"
 #include "protocol/operation_deadline.h"
-#include "protocol/pop3_client.h"
 #include "transport/console.h"
 
 namespace corvane {
@@ -156,56 +155,57 @@ void CheckMailThread::CheckAccount(Account& account) {
     mailbox.password = account.password;
     mobile = account.mobile;
   }
-  Pop3Client client;
-  int result = OpenMailbox(client, mailbox);
+  std::unique_ptr<MailboxSession> session = MailboxSession::For(mailbox);
+  int result = session->Open(mailbox);
   if (result != 0) {
     WriteLog(kLogError, "%s connect pop3 server error: %s\n", mailbox.login->c_str(),
              CNetError::GetErrorString(result));
     return;
   }
-  int count = 0;
-  client.GetNumMsgs(&count);
-  if (count >= 1) client.GetUIDL(0);
-  for (int number = 1; number <= count && !Stopping(); ++number) {
-    const char* uidText = client.GetUID(number);
-    if (uidText == nullptr) continue;
-    std::string uid = uidText;
-    {
-      std::lock_guard guard(account.lock);
-      EnsureKnownUidsLoaded(account);
-      if (std::find(account.knownUids.begin(), account.knownUids.end(), uid) !=
-          account.knownUids.end()) {
-        continue;
-      }
-    }
-    std::optional<MailMessage> message;
-    result = ReadMessageHeader(client, number, message);
-    if (result != 0) {
-      WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox.login->c_str(),
-               CNetError::GetErrorString(result));
-      continue;
-    }
-    if (!message) continue;
-
-    std::string from = DisplayHeaderOf(*message, kFieldFrom, kNoticeCharset).value_or("");
-    std::string subject = DisplayHeaderOf(*message, kFieldSubject, kNoticeCharset).value_or("");
-    Console("From: %s\r\n", from.c_str());
-    Console("Subject: %s\r\n", subject.c_str());
-    std::string date = FormatLocalMinute(ParseMailDate(message->JoinedHeaderValues(kFieldDate)));
-    Console("Date: %s\r\n", date.c_str());
-    {
-      // On disk before the program runs: a message is announced at most
-      // once, even when the program fails or the gateway dies right after.
-      std::lock_guard guard(account.lock);
-      account.knownUids.push_back(uid);
-      SaveKnownUids(account.mailListPath, account.knownUids);
-    }
-    if (!notifyProgram_) continue;
-    std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
-    WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());
-    RunNotifyProgram(*notifyProgram_, mobile, from, date, subject);
+  std::vector<std::string> ids, unknown;
+  session->ListIds(ids);
+  auto known = [&account](const std::string& uid) {
+    std::lock_guard guard(account.lock);
+    EnsureKnownUidsLoaded(account);
+    return std::find(account.knownUids.begin(), account.knownUids.end(), uid) !=
+           account.knownUids.end();
+  };
+  for (const std::string& uid : ids) {
+    if (!known(uid)) unknown.push_back(uid);
   }
-  client.POP3Close();
+  session->ReadHeaders(unknown,
+                       [&](const std::string& uid, int read, std::optional<MailMessage>& message) {
+                         if (read != 0) {
+                           WriteLog(kLogError, "%s Load pop3 message error: %s\n",
+                                    mailbox.login->c_str(), CNetError::GetErrorString(read));
+                           return;
+                         }
+                         // Read by the client meanwhile, or the check is ending: not announced.
+                         if (!message || Stopping() || known(uid)) return;
+                         Announce(account, uid, *message, mobile);
+                       });
+  session->Close();
+}
+
+void CheckMailThread::Announce(Account& account, const std::string& uid, const MailMessage& message,
+                               const std::string& mobile) {
+  std::string from = DisplayHeaderOf(message, kFieldFrom, kNoticeCharset).value_or("");
+  std::string subject = DisplayHeaderOf(message, kFieldSubject, kNoticeCharset).value_or("");
+  Console("From: %s\r\n", from.c_str());
+  Console("Subject: %s\r\n", subject.c_str());
+  std::string date = FormatLocalMinute(ParseMailDate(message.JoinedHeaderValues(kFieldDate)));
+  Console("Date: %s\r\n", date.c_str());
+  {
+    // On disk before the program runs: a message is announced at most
+    // once, even when the program fails or the gateway dies right after.
+    std::lock_guard guard(account.lock);
+    account.knownUids.push_back(uid);
+    SaveKnownUids(account.mailListPath, account.knownUids);
+  }
+  if (!notifyProgram_) return;
+  std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
+  WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());
+  RunNotifyProgram(*notifyProgram_, mobile, from, date, subject);
 }
 
 }  // namespace corvane

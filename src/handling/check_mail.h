@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "accounts/account_registry.h"
+#include "mime/mail_message.h"
 
 namespace corvane {
 
@@ -44,6 +45,9 @@ class CheckMailThread {
 
  private:
   void Run();
+  // Records the message as known, then starts the notification program.
+  void Announce(Account& account, const std::string& uid, const MailMessage& message,
+                const std::string& mobile);
   // Hands every account with polling on to `handOut`, in order, under the
   // hold rule.
   void HandOutAccounts(const AccountRegistry& registry,

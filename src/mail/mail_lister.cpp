@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unordered_map>
 
 #include "base/process_log.h"
 #include "base/program_paths.h"
@@ -25,7 +26,9 @@ constexpr char kMissingFieldText[] = "The parameter of request is not enough";
 }  // namespace
 
 MailLister::MailLister(RequestFields& request, const AccountRegistry& registry)
-    : registry_(registry), mailbox_(MailboxLogin::FromRequest(request)) {
+    : registry_(registry),
+      mailbox_(MailboxLogin::FromRequest(request)),
+      session_(MailboxSession::For(mailbox_)) {
   targetCharset_ = request.Parameter("Encode").value_or("gb2312");
   // Only a second value of "Order" counts: a single "Desc" keeps server order.
   order_ = request.ParameterAt("Order", 2).value_or("Asc");
@@ -36,7 +39,7 @@ MailLister::MailLister(RequestFields& request, const AccountRegistry& registry)
 }
 
 MailLister::~MailLister() {
-  if (connected_) client_.POP3Close();
+  if (connected_) session_->Close();
 }
 
 int MailLister::Open(wxEntryLog& answer) {
@@ -45,7 +48,7 @@ int MailLister::Open(wxEntryLog& answer) {
     WriteLog(kLogError, "%s\n", kMissingFieldText);
     return kMissingField;
   }
-  int result = OpenMailbox(client_, mailbox_);
+  int result = session_->Open(mailbox_);
   if (result != 0) {
     WriteFailure(answer, "Connect pop3 server error");
     WriteLog(kLogError, "%s connect pop3 server error: %s\n", mailbox_.login->c_str(),
@@ -55,16 +58,15 @@ int MailLister::Open(wxEntryLog& answer) {
   connected_ = true;
   // Only a mailbox that let us in gets a cache directory.
   EnsureDirectory(cacheDirectory_);
-  client_.GetNumMsgs(&count_);
+  // An empty mailbox has no list cache; one whose ids did not come keeps it.
+  const int listed = session_->ListIds(ids_);
   WriteSuccess(answer);
-  if (count_ < 1) {
+  if (ids_.empty() && listed == 0) {
     std::remove(listCachePath_.c_str());
-    count_ = 0;
     return 0;
   }
-  WriteLog(kLogDebug, "You have %d mails in mailbox\n", count_);
-  items_.reserve(static_cast<size_t>(count_));
-  client_.GetUIDL(0);
+  WriteLog(kLogDebug, "You have %zu mails in mailbox\n", ids_.size());
+  items_.reserve(ids_.size());
   WriteParameterRecord(answer);
   if (access(listCachePath_.c_str(), F_OK) == 0) {
     WriteLog(kLogDebug, "Load mail list cache in %s\n", listCachePath_.c_str());
@@ -74,43 +76,41 @@ int MailLister::Open(wxEntryLog& answer) {
 }
 
 void MailLister::GatherItems(int subjectLength) {
-  // Headers not in the cache: a server that takes pipelined commands gets
-  // their TOPs ahead of the replies, one round trip for many instead of
-  // one each. Asked only when there are several, so that a warm listing
-  // keeps its session as it was.
-  std::vector<int> uncached;
-  for (int number = 1; number <= count_; ++number) {
-    const char* uid = client_.GetUID(number);
-    if (uid != nullptr && !cache_.Find(uid)) uncached.push_back(number);
+  std::vector<std::string> uncached;
+  for (const std::string& uid : ids_) {
+    if (!cache_.Find(uid)) uncached.push_back(uid);
   }
-  if (uncached.size() > 1 && client_.AskPipelining()) client_.SendTopsAhead(uncached, 0);
-  for (int number = 1; number <= count_; ++number) {
-    const char* uidText = client_.GetUID(number);
-    // A message the id list does not name cannot be asked for later.
-    if (uidText == nullptr) continue;
-    std::string uid = uidText;
-    if (const MailListItem* cached = cache_.Find(uid)) {
-      WriteLog(kLogDebug, "Get list item %d/%d from cache UID: %s\n", number, count_, uid.c_str());
-      serverUids_.push_back(uid);
-      items_.push_back(*cached);
-      continue;
+  std::unordered_map<std::string, MailListItem> fetched;
+  session_->ReadHeaders(
+      uncached, [&](const std::string& uid, int result, std::optional<MailMessage>& message) {
+        if (result != 0) {
+          WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox_.login->c_str(),
+                   CNetError::GetErrorString(result));
+        } else if (message) {
+          fetched.emplace(uid, BuildItem(uid, *message, subjectLength));
+        }
+      });
+  // In server order; a header that could not be read is left out and
+  // counts as gone.
+  for (size_t k = 0; k < ids_.size(); ++k) {
+    const std::string& uid = ids_[k];
+    const MailListItem* item = cache_.Find(uid);
+    if (item) {
+      WriteLog(kLogDebug, "Get list item %zu/%zu from cache UID: %s\n", k + 1, ids_.size(),
+               uid.c_str());
+    } else if (auto found = fetched.find(uid); found != fetched.end()) {
+      WriteLog(kLogDebug, "Get mail %zu/%zu UID: %s\n", k + 1, ids_.size(), uid.c_str());
+      item = &found->second;
     }
-    std::optional<MailMessage> message;
-    int result = ReadMessageHeader(client_, number, message);
-    if (result != 0) {
-      WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox_.login->c_str(),
-               CNetError::GetErrorString(result));
-    } else if (message) {
-      BuildItem(number, uid, *message, subjectLength);
-    }
+    if (!item) continue;
+    serverUids_.push_back(uid);
+    items_.push_back(*item);
   }
   if (!items_.empty()) WriteListCache(listCachePath_, items_);
 }
 
-void MailLister::BuildItem(int number, const std::string& uid, const MailMessage& message,
-                           int subjectLength) {
-  WriteLog(kLogDebug, "Get mail %d/%d UID: %s\n", number, count_, uid.c_str());
-  serverUids_.push_back(uid);
+MailListItem MailLister::BuildItem(const std::string& uid, const MailMessage& message,
+                                   int subjectLength) {
   std::string from = DisplayHeaderOf(message, kFieldFrom, targetCharset_).value_or("");
   std::string subject = DisplayHeaderOf(message, kFieldSubject, targetCharset_).value_or("");
   if (subjectLength > 0) ShortenText(subject, subjectLength);
@@ -126,7 +126,7 @@ void MailLister::BuildItem(int number, const std::string& uid, const MailMessage
   CountedString::AppendTo(item.row, subject);
   CountedString::AppendTo(item.row, FormatLocalMinute(time));
   CountedString::AppendTo(item.row, mixed ? "1" : "0");
-  items_.push_back(std::move(item));
+  return item;
 }
 
 void MailLister::WriteRows(wxEntryLog& answer) {

@@ -6,16 +6,16 @@
 #include "accounts/account_registry.h"
 #include "mail/list_cache.h"
 #include "mail/mailbox_connection.h"
+#include "mail/mailbox_session.h"
 #include "mime/mail_message.h"
-#include "protocol/pop3_client.h"
 #include "transport/request_fields.h"
 #include "transport/wx_entry_log.h"
 
 namespace corvane {
 
-// "ListMail": one row per message of a POP3 mailbox. Headers already seen
-// come from the mailbox's list cache, so a repeated listing costs a STAT, a
-// UIDL and one TOP per new message. The dispatcher calls Open, then (when it
+// "ListMail": one row per message of a mailbox. Headers already seen come
+// from the mailbox's list cache, so a repeated listing costs the id list and
+// the headers of new messages. The dispatcher calls Open, then (when it
 // gave 0) GatherItems, WriteRows and UpdateKnownUids; the connection is
 // closed when the lister goes.
 class MailLister {
@@ -39,7 +39,7 @@ class MailLister {
   void UpdateKnownUids();
 
  private:
-  void BuildItem(int number, const std::string& uid, const MailMessage& message, int subjectLength);
+  MailListItem BuildItem(const std::string& uid, const MailMessage& message, int subjectLength);
 
   const AccountRegistry& registry_;
   MailboxLogin mailbox_;
@@ -47,9 +47,9 @@ class MailLister {
   std::string order_;
   std::string cacheDirectory_;
   std::string listCachePath_;
-  Pop3Client client_;
+  std::unique_ptr<MailboxSession> session_;
   bool connected_ = false;
-  int count_ = 0;
+  std::vector<std::string> ids_;  // the server's, in its order
   std::vector<MailListItem> items_;
   std::vector<std::string> serverUids_;
   ListCache cache_;

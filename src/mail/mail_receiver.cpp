@@ -29,8 +29,6 @@ namespace {
 
 constexpr int kMissingField = 100;
 constexpr char kMissingFieldText[] = "The parameter of request is not enough";
-constexpr long kDoubleTimeoutSize = 2048001;
-constexpr long kTripleTimeoutSize = 3072001;
 
 bool FileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
@@ -48,14 +46,16 @@ const char* OrNull(const std::optional<BodyText>& body) {
 }  // namespace
 
 MailReceiver::MailReceiver(RequestFields& request, const AccountRegistry& registry)
-    : registry_(registry), mailbox_(MailboxLogin::FromRequest(request)) {
+    : registry_(registry),
+      mailbox_(MailboxLogin::FromRequest(request)),
+      session_(MailboxSession::For(mailbox_)) {
   targetCharset_ = request.Parameter("Encode").value_or("gb2312");
   uid_ = request.Parameter("ID");
   destination_ = request.Parameter("Attachment");
 }
 
 MailReceiver::~MailReceiver() {
-  if (connected_) client_.POP3Close();
+  if (connected_) session_->Close();
 }
 
 bool MailReceiver::DestinationAllowed(wxEntryLog& answer) {
@@ -75,11 +75,10 @@ int MailReceiver::Fetch(wxEntryLog& answer, int pop3TimeoutSeconds) {
     WriteLog(kLogError, "%s\n", kMissingFieldText);
     return kMissingField;
   }
-  int result = OpenMailbox(client_, mailbox_);
+  int result = session_->Open(mailbox_);
   if (result == 0) {
     connected_ = true;
-    pop3Timeout_ = pop3TimeoutSeconds;
-    client_.SetPOP3TimeOut(pop3Timeout_);
+    session_->SetReplyTimeOut(pop3TimeoutSeconds);
     cacheDirectory_ = mailbox_.CacheDirectory(registry_.ProgramDirectory());
     EnsureDirectory(cacheDirectory_);
     std::string cachedPath = CachedMessagePath(cacheDirectory_, *uid_);
@@ -88,8 +87,7 @@ int MailReceiver::Fetch(wxEntryLog& answer, int pop3TimeoutSeconds) {
     } else {
       result = FetchFromServer(cachedPath);
     }
-    client_.CloseMsg();
-    client_.POP3Close();
+    session_->Close();
     connected_ = false;
   }
   if (result != 0) {
@@ -101,36 +99,6 @@ int MailReceiver::Fetch(wxEntryLog& answer, int pop3TimeoutSeconds) {
 }
 
 int MailReceiver::FetchFromServer(const std::string& cachedPath) {
-  int count = 0;
-  client_.GetNumMsgs(&count);
-  int result = client_.GetUIDL(0);
-  WriteLog(kLogDebug, "Search message id from UID: %s\n", uid_->c_str());
-  int number = 0;
-  for (int i = 1; i <= count && number == 0; ++i) {
-    const char* uid = client_.GetUID(i);
-    if (uid != nullptr && *uid_ == uid) number = i;
-  }
-  if (number == 0) {
-    WriteLog(kLogError, "The mail is not found from UID: %s\n", uid_->c_str());
-    return result != 0 ? result : kNetUidlFailed;
-  }
-  long size = 0;
-  client_.GetMsgSize(number, &size);
-  WriteLog(kLogDebug, "Message size is: %ld\n", size);
-  // Refused before it fills the disk; the server's word is checked again
-  // while the message arrives.
-  if (maxMessageBytes_ > 0 && size > maxMessageBytes_) {
-    WriteLog(kLogError, "Message of %ld bytes is over the limit of %lld\n", size,
-             static_cast<long long>(maxMessageBytes_));
-    return kNetBodyTooLong;
-  }
-  client_.SetMaxRetrieveBytes(maxMessageBytes_);
-  if (size >= kTripleTimeoutSize) {
-    client_.SetPOP3TimeOut(pop3Timeout_ * 3);
-  } else if (size >= kDoubleTimeoutSize) {
-    client_.SetPOP3TimeOut(pop3Timeout_ * 2);
-  }
-
   // Retrieved under a name of its own and renamed when complete, so the
   // cache never holds a cut-short message, not even after a crash, and two
   // retrievals of the same message do not write into one file.
@@ -138,11 +106,8 @@ int MailReceiver::FetchFromServer(const std::string& cachedPath) {
   int fd = mkstemp(partPath.data());
   if (fd < 0) return kNetFileOpenFailed;
   close(fd);
-  result = client_.RetrieveToFile(number, partPath.c_str());
+  int result = session_->Retrieve(*uid_, partPath, maxMessageBytes_);
   if (result != 0) {
-    WriteLog(kLogDebug, "POP3 TimeOut is: %d\n", client_.GetPOP3TimeOut());
-    // "Retreive": the log text's own spelling, kept on purpose.
-    WriteLog(kLogError, "Retreive mail data fail: %s\n", CNetError::GetErrorString(result));
     std::remove(partPath.c_str());
     return result;
   }

@@ -7,9 +7,9 @@
 
 #include "accounts/account_registry.h"
 #include "mail/mailbox_connection.h"
+#include "mail/mailbox_session.h"
 #include "mail/scratch_directory.h"
 #include "mime/mail_message.h"
-#include "protocol/pop3_client.h"
 #include "transport/request_fields.h"
 #include "transport/wx_entry_log.h"
 
@@ -93,9 +93,8 @@ class MailReceiver {
   std::optional<std::string> uid_;
   std::optional<std::string> destination_;
   std::string cacheDirectory_;
-  Pop3Client client_;
+  std::unique_ptr<MailboxSession> session_;
   bool connected_ = false;
-  int pop3Timeout_ = 0;
   int64_t maxMessageBytes_ = 0;
   MailMessage message_;
   RenderedMail rendered_;

@@ -60,11 +60,11 @@ TEST_F(IniSettingsTest, EverySettingIsReadFromItsKey) {
   EXPECT_FALSE(none.ftpHost || none.ftpLogin || none.ftpPassword || none.notifyProgram ||
                none.defaultBody || none.ftpPassive || none.smtpTls != SmtpTlsSetting::kAuto ||
                none.bindAddress || none.filesRoot);
-  ServiceSettings s = ServiceSettings::Load(
-      Load("[Ftp]\nHost=ftp.local\nLogin=up\nPwd=secret\nPort=2121\nPassive=1\n[Smtp]\nTls=off\n"
-           "[Pushmail]\nSender=/opt/push/notify\nInterval= 5s\nWorkers=7\n[Application]\nport=+8600x\n"
-           "subject_length=24\npop3_timeout=\noperation_timeout=9\nmax_message_size=2\n"
-           "default_body=(no text)\nlog_level=error\nbind=::1\nfiles_root=\n"));
+  ServiceSettings s = ServiceSettings::Load(Load(
+      "[Ftp]\nHost=ftp.local\nLogin=up\nPwd=secret\nPort=2121\nPassive=1\n[Smtp]\nTls=off\n"
+      "[Pushmail]\nSender=/opt/push/notify\nInterval= 5s\nWorkers=7\n[Application]\nport=+8600x\n"
+      "subject_length=24\npop3_timeout=\noperation_timeout=9\nmax_message_size=2\n"
+      "default_body=(no text)\nlog_level=error\nbind=::1\nfiles_root=\n"));
   EXPECT_EQ(std::tuple(*s.ftpHost, *s.ftpLogin, *s.ftpPassword, *s.notifyProgram, *s.defaultBody),
             std::tuple("ftp.local", "up", "secret", "/opt/push/notify", "(no text)"));
   EXPECT_EQ(std::pair(s.checkWorkers, none.checkWorkers), std::pair(7, 32));
