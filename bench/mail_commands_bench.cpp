@@ -11,62 +11,22 @@
 // Starts the test dovecot with tests/servers/pop3-server when it is not
 // running. Optional argument: rounds.
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "accounts/account_registry.h"
-#include "bench_support.h"
-#include "mail/mail_lister.h"
 #include "mail/mail_receiver.h"
-#include "support/mail_request.h"
-#include "support/temp_dir.h"
+#include "mail_listing.h"
 
 namespace {
 
 using corvane::bench::Clock;
+using corvane::bench::CurlConfig;
+using corvane::bench::Gateway;
+using corvane::bench::List;
 using corvane::bench::Median;
 using corvane::bench::MillisecondsSince;
 using corvane::bench::TimeCurl;
 using corvane::test::Pop3ServerEnv;
-
-// A gateway's program directory: the registry and the mailbox caches.
-struct Gateway {
-  corvane::test::TempDir dir;
-  corvane::AccountRegistry registry{dir / "account.dat", dir.path()};
-};
-
-std::string Request(const Pop3ServerEnv& env, const Pop3ServerEnv::Account& account,
-                    const corvane::test::Fields& parameters) {
-  return corvane::test::MailRequest({{"Pop3", "127.0.0.1"},
-                                     {"Port", env.Get("POP3_PORT")},
-                                     {"Login", account.user},
-                                     {"Pwd", account.password}},
-                                    parameters);
-}
-
-// One ListMail; its milliseconds and the number of rows.
-double List(Gateway& gateway, const std::string& request, size_t& rows) {
-  auto started = Clock::now();
-  corvane::RequestFields fields(request.data(), request.size());
-  corvane::wxEntryLog answer;
-  answer.SetRecording(true);
-  {
-    corvane::MailLister lister(fields, gateway.registry);
-    if (lister.Open(answer) == 0) {
-      lister.GatherItems(0);
-      lister.WriteRows(answer);
-      lister.UpdateKnownUids();
-    }
-  }
-  std::string bytes = answer.Serialize();
-  double ms = MillisecondsSince(started);
-  rows = 0;
-  for (size_t at = bytes.find("Row"); at != std::string::npos; at = bytes.find("Row", at + 1)) {
-    ++rows;
-  }
-  return ms;
-}
 
 // One ReceiveMail; its milliseconds, negative when it failed.
 double Receive(Gateway& gateway, const std::string& request, size_t& answerSize) {
@@ -86,27 +46,8 @@ double Receive(Gateway& gateway, const std::string& request, size_t& answerSize)
   return MillisecondsSince(started);
 }
 
-// A curl config running `requests` in order on one connection.
-std::string CurlConfig(const Pop3ServerEnv& env, const Pop3ServerEnv::Account& account,
-                       const std::vector<std::string>& requests, const std::string& path) {
-  std::ofstream out(path);
-  for (size_t i = 0; i < requests.size(); ++i) {
-    if (i > 0) out << "next\n";
-    out << "url = \"pop3://127.0.0.1:" << env.Get("POP3_PORT") << "/\"\n"
-        << "user = \"" << account.user << ":" << account.password << "\"\n"
-        << "request = \"" << requests[i] << "\"\n"
-        << "output = \"/dev/null\"\n";
-  }
-  return path;
-}
-
 void Print(const char* what, double ours, double curl) {
-  if (curl < 0) {
-    std::printf("%-34s corvane %8.1f ms   curl failed or missing\n", what, ours);
-    return;
-  }
-  std::printf("%-34s corvane %8.1f ms   curl %8.1f ms   ratio %5.2f\n", what, ours, curl,
-              ours / curl);
+  corvane::bench::PrintBeside(what, ours, "curl", curl);
 }
 
 }  // namespace
@@ -122,12 +63,11 @@ int main(int argc, char** argv) {
   corvane::test::TempDir scratch;
   Pop3ServerEnv::Account bulk = env.Mailbox("BULK");
   Pop3ServerEnv::Account big = env.Mailbox("BIG");
-  std::string listRequest = Request(env, bulk, {});
-
-  std::vector<std::string> coldRequests = {"UIDL"};
-  for (int n = 1; n <= 1000; ++n) coldRequests.push_back("TOP " + std::to_string(n) + " 0");
-  std::string coldConfig = CurlConfig(env, bulk, coldRequests, scratch / "cold.cfg");
-  std::string warmConfig = CurlConfig(env, bulk, {"UIDL"}, scratch / "warm.cfg");
+  const unsigned port = env.Port("POP3_PORT");
+  std::string listRequest = corvane::bench::MailboxRequest(port, bulk);
+  std::string coldConfig =
+      CurlConfig(port, bulk, corvane::bench::ColdListingRequests(1000), scratch / "cold.cfg");
+  std::string warmConfig = CurlConfig(port, bulk, {"UIDL"}, scratch / "warm.cfg");
 
   std::vector<double> cold, warm, curlCold, curlWarm;
   for (int round = 0; round < rounds; ++round) {
@@ -157,7 +97,7 @@ int main(int argc, char** argv) {
     }
     client.POP3Close();
   }
-  std::string receiveRequest = Request(env, big, {{"ID", id}});
+  std::string receiveRequest = corvane::bench::MailboxRequest(port, big, {{"ID", id}});
   std::string url = "pop3://127.0.0.1:" + env.Get("POP3_PORT") + "/1";
   std::vector<double> fetched, cached, curlRetr;
   size_t answerSize = 0;
