@@ -8,7 +8,8 @@
 //   workers, beside the pass with one worker (the sequential check) over a
 //   sample of the accounts (all of them with a sample of 1000: minutes).
 // Starts the test dovecot with tests/servers/pop3-server when it is not
-// running. Arguments: [one-way ms, default 25] [sequential sample, default 100].
+// running. Arguments: [one-way ms, default 25] [sequential sample, default
+// 100] [workers, default the gateway's].
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -79,7 +80,8 @@ int main(int argc, char** argv) {
   corvane::bench::PrintBeside("  pipelined / sequential", pipelined, "sequential", oneByOne);
   corvane::bench::PrintBeside("  pipelined / curl (UIDL, 1000 TOP)", pipelined, "curl", curl);
 
-  const size_t workers = static_cast<size_t>(corvane::ServiceSettings{}.checkWorkers);
+  const size_t workers = static_cast<size_t>(argc > 3 ? std::max(1, std::atoi(argv[3]))
+                                                      : corvane::ServiceSettings{}.checkWorkers);
   double pool = Pass(env, relay.port(), 1000, workers);
   double alone = Pass(env, relay.port(), sample, 1);
   std::printf("one new-mail pass (no new mail)\n");

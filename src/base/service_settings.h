@@ -23,7 +23,7 @@ struct ServiceSettings {
   SmtpTlsSetting smtpTls = SmtpTlsSetting::kAuto;  // [Smtp] Tls
   std::optional<std::string> notifyProgram;        // [Pushmail] Sender
   int32_t checkIntervalMs = 60000;                 // [Pushmail] Interval, in seconds
-  int32_t checkWorkers = 32;                       // [Pushmail] Workers: accounts at once
+  int32_t checkWorkers = 50;                       // [Pushmail] Workers: accounts at once
   int32_t listenPort = 8500;                       // [Application] port
   std::optional<std::string> bindAddress;          // [Application] bind; none: every address
   int32_t subjectLength = 0;                       // [Application] subject_length

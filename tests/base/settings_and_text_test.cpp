@@ -67,7 +67,7 @@ TEST_F(IniSettingsTest, EverySettingIsReadFromItsKey) {
       "default_body=(no text)\nlog_level=error\nbind=::1\nfiles_root=\n"));
   EXPECT_EQ(std::tuple(*s.ftpHost, *s.ftpLogin, *s.ftpPassword, *s.notifyProgram, *s.defaultBody),
             std::tuple("ftp.local", "up", "secret", "/opt/push/notify", "(no text)"));
-  EXPECT_EQ(std::pair(s.checkWorkers, none.checkWorkers), std::pair(7, 32));
+  EXPECT_EQ(std::pair(s.checkWorkers, none.checkWorkers), std::pair(7, 50));
   EXPECT_EQ(std::pair(s.bindAddress, s.filesRoot),
             std::pair(std::optional<std::string>("::1"), std::optional<std::string>()));
   EXPECT_EQ(ServiceSettings::Load(Load("[Application]\nfiles_root=/srv/f\n")).filesRoot, "/srv/f");
