@@ -36,6 +36,20 @@ inline constexpr int kMaxReplyLines = 1000;
 // of our time than that.
 inline constexpr size_t kMaxReplyLineBytes = 64 * 1024;
 
+// One IMAP response as the client reads it: its nesting of parenthesized
+// lists, its items (atoms, strings, literals, lists), and the bytes it may
+// hold in memory, its lines and kept literals together. A literal longer
+// than kMaxHeaderBytes keeps that much; one announced past kMaxImapLiteralBytes
+// that is not streamed to a destination ends the response, unread.
+inline constexpr int kMaxImapDepth = 16;
+inline constexpr size_t kMaxImapItems = 10000;
+inline constexpr size_t kMaxImapResponseBytes = 1024 * 1024;
+inline constexpr size_t kMaxImapLiteralBytes = 16 * 1024 * 1024;
+// Untagged IMAP responses one command may draw before its tagged reply: a
+// FETCH of a whole mailbox answers once per message, and the server may add
+// news of its own; a server that goes on past them fails the command.
+inline constexpr int kMaxImapUntagged = 2 * kMaxMessages + kMaxReplyLines;
+
 // Accounts the new-mail check polls at once ([Pushmail] Workers is held to
 // it): each is a thread and a connection.
 inline constexpr int kMaxCheckWorkers = 256;

@@ -35,7 +35,10 @@ CheckMailThread::CheckMailThread(std::optional<std::string> notifyProgram,
                                  std::chrono::milliseconds interval, size_t workers)
     : notifyProgram_(std::move(notifyProgram)),
       interval_(interval),
-      workers_(std::max<size_t>(workers, 1)) {}
+      workers_(std::max<size_t>(workers, 1)),
+      watch_([this](Account& account, MailboxSession& session) {
+        CheckOpenMailbox(account, session);
+      }) {}
 
 CheckMailThread::~CheckMailThread() {
   Stop();
@@ -52,6 +55,7 @@ void CheckMailThread::Stop() {
   }
   wake_.notify_all();
   if (thread_.joinable()) thread_.join();
+  watch_.StopAll();
 }
 
 bool CheckMailThread::Stopping() {
@@ -65,17 +69,41 @@ bool CheckMailThread::Sleep(std::chrono::milliseconds duration) {
 }
 
 void CheckMailThread::Run() {
+  // The IMAP watch follows the registry every second; the pass runs every
+  // interval.
+  constexpr auto kWatchFollow = std::chrono::seconds(1);
+  auto nextPass = std::chrono::steady_clock::now();
   for (;;) {
     {
       // A reference of its own keeps the registry alive through the pass
       // even when teardown clears the process-wide pointer meanwhile.
       std::shared_ptr<AccountRegistry> registry = g_accountRegistry.load();
-      if (!registry) return;
-      WriteLog(kLogDebug, "[Corvane] Start check mail\n");
-      CheckAllAccounts(*registry);
+      if (!registry) break;
+      WatchImapAccounts(*registry);
+      if (std::chrono::steady_clock::now() >= nextPass) {
+        WriteLog(kLogDebug, "[Corvane] Start check mail\n");
+        CheckAllAccounts(*registry);
+        nextPass = std::chrono::steady_clock::now() + interval_;
+      }
     }
-    if (!Sleep(interval_)) return;
+    auto untilPass = std::chrono::duration_cast<std::chrono::milliseconds>(
+        nextPass - std::chrono::steady_clock::now());
+    if (!Sleep(std::clamp<std::chrono::milliseconds>(untilPass, std::chrono::milliseconds(0),
+                                                     kWatchFollow))) {
+      break;
+    }
   }
+  watch_.StopAll();
+}
+
+void CheckMailThread::WatchImapAccounts(const AccountRegistry& registry) {
+  std::vector<std::shared_ptr<Account>> imap;
+  for (const std::shared_ptr<Account>& account : registry.Accounts()) {
+    std::lock_guard guard(account->lock);
+    if (account->polling != 1) break;  // a held account holds the rest too
+    if (IsImapPort(account->port)) imap.push_back(account);
+  }
+  watch_.WatchOnly(imap);
 }
 
 void CheckMailThread::CheckAllAccounts(const AccountRegistry& registry) {
@@ -129,6 +157,7 @@ void CheckMailThread::HandOutAccounts(
     for (;;) {
       std::shared_ptr<Account> account = registry.Find(key);
       if (!account) break;
+      if (watch_.Owns(key)) break;  // watched as mail arrives
       if (PollingOn(*account)) {
         WriteLog(kLogDebug, "Check mail account: %s\n", key.c_str());
         {
@@ -145,16 +174,7 @@ void CheckMailThread::HandOutAccounts(
 
 void CheckMailThread::CheckAccount(Account& account) {
   OperationDeadline deadline(std::chrono::seconds(g_settings.operationTimeout));
-  MailboxLogin mailbox;
-  std::string mobile;
-  {
-    std::lock_guard guard(account.lock);
-    mailbox.pop3Host = account.pop3Host;
-    mailbox.port = std::to_string(account.port);
-    mailbox.login = account.login;
-    mailbox.password = account.password;
-    mobile = account.mobile;
-  }
+  MailboxLogin mailbox = MailboxOf(account);
   std::unique_ptr<MailboxSession> session = MailboxSession::For(mailbox);
   int result = session->Open(mailbox);
   if (result != 0) {
@@ -162,8 +182,19 @@ void CheckMailThread::CheckAccount(Account& account) {
              CNetError::GetErrorString(result));
     return;
   }
+  CheckOpenMailbox(account, *session);
+  session->Close();
+}
+
+void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session) {
+  std::string mobile, login;
+  {
+    std::lock_guard guard(account.lock);
+    mobile = account.mobile;
+    login = account.login;
+  }
   std::vector<std::string> ids, unknown;
-  session->ListIds(ids);
+  session.ListIds(ids);
   auto known = [&account](const std::string& uid) {
     std::lock_guard guard(account.lock);
     EnsureKnownUidsLoaded(account);
@@ -173,18 +204,17 @@ void CheckMailThread::CheckAccount(Account& account) {
   for (const std::string& uid : ids) {
     if (!known(uid)) unknown.push_back(uid);
   }
-  session->ReadHeaders(unknown,
-                       [&](const std::string& uid, int read, std::optional<MailMessage>& message) {
-                         if (read != 0) {
-                           WriteLog(kLogError, "%s Load pop3 message error: %s\n",
-                                    mailbox.login->c_str(), CNetError::GetErrorString(read));
-                           return;
-                         }
-                         // Read by the client meanwhile, or the check is ending: not announced.
-                         if (!message || Stopping() || known(uid)) return;
-                         Announce(account, uid, *message, mobile);
-                       });
-  session->Close();
+  session.ReadHeaders(unknown,
+                      [&](const std::string& uid, int read, std::optional<MailMessage>& message) {
+                        if (read != 0) {
+                          WriteLog(kLogError, "%s Load pop3 message error: %s\n", login.c_str(),
+                                   CNetError::GetErrorString(read));
+                          return;
+                        }
+                        // Read by the client meanwhile, or the check is ending: not announced.
+                        if (!message || Stopping() || known(uid)) return;
+                        Announce(account, uid, *message, mobile);
+                      });
 }
 
 void CheckMailThread::Announce(Account& account, const std::string& uid, const MailMessage& message,

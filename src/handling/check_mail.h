@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "accounts/account_registry.h"
+#include "handling/imap_watch.h"
 #include "mime/mail_message.h"
 
 namespace corvane {
@@ -42,14 +43,19 @@ class CheckMailThread {
   void CheckAllAccounts(const AccountRegistry& registry);
   // One account: log in, find the ids not yet known, notify each.
   void CheckAccount(Account& account);
+  // The same on a session already open (an IMAP watcher's).
+  void CheckOpenMailbox(Account& account, MailboxSession& session);
 
  private:
   void Run();
+  // The IMAP accounts with polling on before any held account: the ones
+  // the watch is to keep.
+  void WatchImapAccounts(const AccountRegistry& registry);
   // Records the message as known, then starts the notification program.
   void Announce(Account& account, const std::string& uid, const MailMessage& message,
                 const std::string& mobile);
   // Hands every account with polling on to `handOut`, in order, under the
-  // hold rule.
+  // hold rule; accounts the IMAP watch owns are its own.
   void HandOutAccounts(const AccountRegistry& registry,
                        const std::function<void(std::shared_ptr<Account>)>& handOut);
   bool Stopping();
@@ -59,6 +65,7 @@ class CheckMailThread {
   const std::optional<std::string> notifyProgram_;
   const std::chrono::milliseconds interval_;
   const size_t workers_;
+  ImapWatch watch_;
   std::mutex lock_;
   std::condition_variable wake_;
   bool stopping_ = false;

@@ -34,6 +34,16 @@ std::string MailboxLogin::CacheDirectory(std::string_view programDirectory) cons
   return MailboxCacheDirectory(programDirectory, *login, *pop3Host, ReadDecimal(port));
 }
 
+MailboxLogin MailboxOf(Account& account) {
+  std::lock_guard guard(account.lock);
+  MailboxLogin mailbox;
+  mailbox.pop3Host = account.pop3Host;
+  mailbox.port = std::to_string(account.port);
+  mailbox.login = account.login;
+  mailbox.password = account.password;
+  return mailbox;
+}
+
 int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
   // A NUL would cut the text short on its way to the server (and a line
   // break would add a command): refused before connecting.
@@ -65,12 +75,18 @@ int ReadMessageHeader(Pop3Client& client, int number, std::optional<MailMessage>
   // A header that did not arrive whole is no header: it would be listed, and
   // cached, cut short.
   if (length < 0) return kNetTopFailed;
+  message = HeaderFromBytes(header);
+  return 0;
+}
+
+std::optional<MailMessage> HeaderFromBytes(const std::string& header) {
   BufferDataSource source(static_cast<int64_t>(header.size()));
   source.Open(DataSource::kOpenWrite);
   source.Write(header.data(), static_cast<int>(header.size()));
+  std::optional<MailMessage> message;
   message.emplace();
   if (message->Load(source) != 0) message.reset();
-  return 0;
+  return message;
 }
 
 }  // namespace corvane

@@ -26,6 +26,10 @@ struct MailboxLogin {
   std::string CacheDirectory(std::string_view programDirectory) const;
 };
 
+struct Account;
+// The mailbox of a registered account, read under its lock.
+MailboxLogin MailboxOf(Account& account);
+
 // Connects and logs in: port 995 (the port text read as a number) is POP3
 // over TLS with the certificate checked, every other port plain. 0 or the
 // connection's result code.
@@ -35,5 +39,8 @@ int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox);
 // `message`, which stays empty when the header does not parse. 0, or the
 // TOP failure's result code.
 int ReadMessageHeader(Pop3Client& client, int number, std::optional<MailMessage>& message);
+
+// A message of a header's bytes alone, or none when they do not parse.
+std::optional<MailMessage> HeaderFromBytes(const std::string& header);
 
 }  // namespace corvane

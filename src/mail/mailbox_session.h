@@ -12,6 +12,9 @@
 
 namespace corvane {
 
+// Ports 143 and 993 are IMAP mailboxes.
+bool IsImapPort(int port);
+
 // One logged-in session with a mailbox in the protocol its port speaks:
 // ports 143 and 993 are IMAP (its INBOX), every other port POP3. The ids of
 // its messages come in server order: POP3's UIDL ids, or "<UIDVALIDITY>.<UID>"
@@ -35,8 +38,8 @@ class MailboxSession {
   virtual void SetReplyTimeOut(int seconds) = 0;
   // The ids, in server order, at most limits::kMaxMessages.
   virtual int ListIds(std::vector<std::string>& ids) = 0;
-  // The headers of `ids` (ids ListIds gave), handed over in that order,
-  // fetched as many at a time as the server takes.
+  // The headers of `ids` (ids ListIds gave), each handed over once, in the
+  // order the server sends them, fetched as many at a time as it takes.
   virtual void ReadHeaders(const std::vector<std::string>& ids, const HeaderSink& each) = 0;
   // Message `id` into the file `path` whole, or a failure: the id is not
   // there, it is larger than `maxBytes` (0 or less: no limit), or it did not

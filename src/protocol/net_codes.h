@@ -31,6 +31,7 @@ enum NetCode : int {
   kNetBufferTooShort = 35,
   kNetInvalidResponse = 37,
   kNetNoResponse = 38,
+  kNetNoSuchMessage = 39,
   kNetInvalidUser = 40,
   kNetInvalidPassword = 41,
   kNetRetrFailed = 48,
@@ -55,6 +56,7 @@ enum NetCode : int {
   kNetDataSourceOpenFailed = 81,
   kNetDataSourceWriteFailed = 83,
   kNetLoginFailed = 86,
+  kNetNoopFailed = 87,
   kNetAborted = 98,
   kNetBadAddress = 100,
   kNetInvalidParameter = 106,
@@ -75,6 +77,7 @@ enum NetCode : int {
   kNetSecurityFirst = 120,
   kNetSecurityLast = 143,
 
+  kNetImapNoStartTls = 144,
   kNetSmtpNoStartTls = 145,
   kNetPop3NoTls = 146,
 };

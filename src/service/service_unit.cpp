@@ -73,7 +73,9 @@ std::optional<std::string> ServiceUnitText(const std::string& serviceName,
          "LogsDirectory=" +
          user +
          "\n"
-         "UMask=0077\n" +
+         "UMask=0077\n"
+         // Each IMAP account watched for new mail holds a connection.
+         "LimitNOFILE=65536\n" +
          (root.empty() ? "" : "ReadWritePaths=" + *writable + "\n") +
          "ProtectSystem=strict\n"
          "ProtectHome=" +

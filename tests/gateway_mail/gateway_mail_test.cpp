@@ -218,6 +218,70 @@ TEST_F(ReceiveMailTest, AttachmentsAreSavedLocallyOrUploadedToTheConfiguredFtpSe
   }
 }
 
+// An IMAP mailbox (143 with STARTTLS, 993 with TLS) answers as its POP3 twin:
+// the same rows but for their ids, the same message read, nothing marked
+// seen; an INBOX rebuilt under a new UIDVALIDITY rebuilds the list cache.
+TEST_F(ReceiveMailTest, AnImapMailboxAnswersAsItsPop3Twin) {
+  ScopedEnv trust("SSL_CERT_FILE", pop3_.Get("CA_FILE"));
+  GatewayProcess gateway("log_level=debug\n");
+  ASSERT_TRUE(gateway.Start());
+  const auto account = pop3_.Mailbox("CORPUS");
+  auto imap = [&](const std::string& port) {
+    return " --req Pop3=127.0.0.1 --req Port=" + port + " --req Login=" + account.user +
+           " --req Pwd=" + account.password;
+  };
+  // Rows without their ids, by the rest of them.
+  auto rest = [](std::vector<std::string> rows) {
+    std::map<std::string, std::string> byRest;  // the rest -> the id
+    for (const std::string& row : rows) {
+      const size_t idSize = CountedString::SizeAt(row.data(), row.size());
+      byRest[row.substr(idSize)] = *CountedString::DataAt(row.data(), row.size());
+    }
+    return byRest;
+  };
+  const auto pop3Rows =
+      rest(AskGateway(gateway.port(),
+                      "--req Command=ListMail" + Mailbox("CORPUS") + " --param Encode=utf-8")
+               .Rows());
+  const std::string pop3Id = CorpusId("attachment-rfc2231");
+  Answer pop3Read = Receive("CORPUS", pop3Id, "", gateway.port());
+  ASSERT_EQ(pop3Read["Status"], "success") << pop3Read.output;
+  for (const std::string port : {"143", "993"}) {
+    SCOPED_TRACE(port);
+    Answer listed =
+        AskGateway(gateway.port(), "--req Command=ListMail" + imap(port) + " --param Encode=utf-8");
+    const auto imapRows = rest(listed.Rows());
+    ASSERT_EQ(imapRows.size(), pop3Rows.size()) << listed.output;
+    std::string imapId;
+    for (const auto& [row, id] : pop3Rows) {
+      ASSERT_TRUE(imapRows.count(row)) << row;
+      if (id == pop3Id) imapId = imapRows.at(row);
+    }
+    Answer read = AskGateway(gateway.port(),
+                             "--req Command=ReceiveMail" + imap(port) + " --param ID=" + imapId);
+    for (const char* field :
+         {"Status", "From", "To", "Subject", "Date", "Body", "Attachment0", "Attachment1"}) {
+      EXPECT_EQ(read[field], pop3Read[field]) << field << ": " << read.output;
+    }
+  }
+  for (const auto& entry : fs::recursive_directory_iterator(account.maildir)) {
+    EXPECT_EQ(entry.path().filename().string().find(":2,S"), std::string::npos) << entry.path();
+  }
+  // A new UIDVALIDITY: every id changes, and every header is read again.
+  const size_t readBefore = CountOf(gateway.LogText(), "Get mail ");
+  const std::string root = fs::path(pop3_.path()).parent_path();
+  ASSERT_EQ(
+      test::RunCommand("doveadm -c '" + root + "/dovecot.conf' mailbox update -u " + account.user +
+                       " --uid-validity " + std::to_string(4242 + getpid()) + " INBOX")
+          .status,
+      0);
+  const auto rebuilt = rest(
+      AskGateway(gateway.port(), "--req Command=ListMail" + imap("143") + " --param Encode=utf-8")
+          .Rows());
+  ASSERT_EQ(rebuilt.size(), pop3Rows.size());
+  EXPECT_EQ(CountOf(gateway.LogText(), "Get mail ") - readBefore, rebuilt.size());
+}
+
 class SendMailTest : public GatewayTest {
  protected:
   void SetUp() override {
@@ -417,9 +481,10 @@ class CheckMailTest : public GatewayTest {
     ASSERT_EQ(answer.status, 0) << answer.output;
   }
   // The arguments of every call of the notification program so far.
-  std::vector<std::vector<std::string>> Calls() const {
+  std::vector<std::vector<std::string>> Calls() const { return CallsOf(gateway_); }
+  static std::vector<std::vector<std::string>> CallsOf(const GatewayProcess& gateway) {
     std::vector<std::vector<std::string>> calls;
-    const std::string text = ReadFile(gateway_.dir() / "calls");
+    const std::string text = ReadFile(gateway.dir() / "calls");
     for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
          start = end + 1)
       for (size_t at = start, nul; (nul = text.find('\0', at)) < end; at = nul + 1)
@@ -471,6 +536,49 @@ TEST_F(CheckMailTest, AnAccountWithPollingOffHoldsThePassUntilItIsOn) {
   EXPECT_EQ(CountOf(log.substr(0, log.find("Check mail account: ")), "Start check mail"),
             CountOf(held, "Start check mail"))
       << "a new pass began while one was held";
+}
+
+// Registered over IMAP (143, STARTTLS), an account is watched in IDLE: a
+// message exim delivers is announced at once, long before the next pass
+// (Interval=600), and only once.
+TEST_F(CheckMailTest, AnImapAccountIsAnnouncedAsMailArrives) {
+  test::Pop3ServerEnv smtp(CORVANE_SMTP_ENV_FILE, "CORVANE_SMTP_ENV");
+  ASSERT_FALSE(smtp.Get("SMTP_PORT").empty()) << "no SMTP test server: " << smtp.path();
+  ScopedEnv trust("SSL_CERT_FILE", pop3_.Get("CA_FILE"));
+  GatewayProcess gateway("log_level=debug\n");
+  const std::string notify = gateway.dir() / "notify", config = gateway.dir() / "config.ini";
+  test::WriteFile(notify, kNotifyScript);
+  fs::permissions(notify, fs::perms::owner_all);
+  test::WriteFile(config, ReadFile(config) + "[Pushmail]\nInterval=600\nSender=" + notify + "\n");
+  ASSERT_TRUE(gateway.Start());
+  const auto account = pop3_.Mailbox("NOTIFY");
+  Answer registered = AskGateway(gateway.port(),
+                                 "--req Command=ConfigMail --req Pop3=127.0.0.1 "
+                                 "--req Port=143 --req Login=" +
+                                     account.user + " --req Pwd=" + account.password +
+                                     " --req Mobile=139 --param Config=append "
+                                     "--param Polling=start");
+  ASSERT_EQ(registered.status, 0) << registered.output;
+  // What was there already is announced first, by the watch.
+  ASSERT_TRUE(WaitFor([&] { return CallsOf(gateway).size() >= 3; })) << gateway.LogText();
+  const std::string marker = UniqueMarker("idle");
+  Answer sent = AskGateway(gateway.port(),
+                           "--req Command=SendMail --req Smtp=127.0.0.1 "
+                           "--req SmtpPort=" +
+                               smtp.Get("SMTP_PORT") + " --req Login=" + smtp.Get("SMTP_USER") +
+                               " --req Pwd=" + smtp.Get("SMTP_PASS") +
+                               " --req Auth=true --param To=" + account.user +
+                               "@localhost --param Subject=" + marker + " --param Body=hi");
+  ASSERT_EQ(sent["Status"], "success") << sent.output;
+  auto announced = [&] {
+    size_t count = 0;
+    for (const auto& call : CallsOf(gateway)) count += call.size() == 4 && call[3] == marker;
+    return count;
+  };
+  ASSERT_TRUE(WaitFor([&] { return announced() > 0; })) << gateway.LogText();
+  EXPECT_EQ(CountOf(gateway.LogText(), "Start check mail"), 1u) << "announced by a pass";
+  EXPECT_EQ(announced(), 1u);
+  EXPECT_EQ(gateway.Stop(), 0);
 }
 
 }  // namespace

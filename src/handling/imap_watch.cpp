@@ -1,0 +1,116 @@
+#include "handling/imap_watch.h"
+
+#include <atomic>
+
+#include "base/process_log.h"
+#include "mail/mailbox_connection.h"
+#include "protocol/net_error.h"
+#include "protocol/operation_deadline.h"
+
+namespace corvane {
+
+struct ImapWatch::Watcher {
+  std::shared_ptr<Account> account;
+  std::atomic<bool> stop{false};
+  std::atomic<bool> noIdle{false};
+  std::mutex lock;
+  std::condition_variable wake;
+  std::thread thread;
+
+  // Sleeps for `duration` unless stopped first; false once stopped.
+  bool Pause(std::chrono::milliseconds duration) {
+    std::unique_lock guard(lock);
+    return !wake.wait_for(guard, duration, [this] { return stop.load(); });
+  }
+  void Stop() {
+    {
+      std::lock_guard guard(lock);
+      stop = true;
+    }
+    wake.notify_all();
+  }
+};
+
+ImapWatch::ImapWatch(Check check) : check_(std::move(check)) {}
+
+ImapWatch::~ImapWatch() {
+  StopAll();
+}
+
+void ImapWatch::WatchOnly(const std::vector<std::shared_ptr<Account>>& accounts) {
+  std::vector<std::unique_ptr<Watcher>> ended;
+  {
+    std::lock_guard guard(lock_);
+    std::map<std::string, std::unique_ptr<Watcher>> kept;
+    for (const auto& account : accounts) {
+      const std::string key = account->Key();
+      if (kept.count(key)) continue;
+      auto found = watchers_.find(key);
+      // The same account object: a changed one (a new password, say) is a
+      // new registration and gets a new watcher.
+      if (found != watchers_.end() && found->second->account == account) {
+        kept.emplace(key, std::move(found->second));
+        watchers_.erase(found);
+        continue;
+      }
+      auto watcher = std::make_unique<Watcher>();
+      watcher->account = account;
+      try {
+        watcher->thread = std::thread([this, raw = watcher.get()] { Watch(*raw); });
+      } catch (const std::system_error&) {
+        continue;  // no thread to spare: the pass checks it
+      }
+      kept.emplace(key, std::move(watcher));
+    }
+    for (auto& [key, watcher] : watchers_) ended.push_back(std::move(watcher));
+    watchers_ = std::move(kept);
+  }
+  for (auto& watcher : ended) watcher->Stop();
+  for (auto& watcher : ended) watcher->thread.join();
+}
+
+bool ImapWatch::Owns(const std::string& key) const {
+  std::lock_guard guard(lock_);
+  auto found = watchers_.find(key);
+  return found != watchers_.end() && !found->second->noIdle;
+}
+
+void ImapWatch::StopAll() {
+  WatchOnly({});
+}
+
+void ImapWatch::Watch(Watcher& watcher) {
+  // No deadline of its own (IDLE waits long), but the process's stop still
+  // shuts its connection at once.
+  OperationDeadline scope(std::chrono::milliseconds(0));
+  std::chrono::milliseconds retry = kFirstRetry;
+  while (!watcher.stop) {
+    MailboxLogin mailbox = MailboxOf(*watcher.account);
+    ImapMailboxSession session;
+    session.SetAbortCheck([&watcher] { return watcher.stop.load(); });
+    int result = session.Open(mailbox);
+    if (result == 0 && !session.CanIdle()) {
+      WriteLog(kLogInfo, "%s: the IMAP server has no IDLE, checked every pass\n",
+               mailbox.login->c_str());
+      watcher.noIdle = true;
+      session.Close();
+      return;
+    }
+    if (result == 0) {
+      retry = kFirstRetry;
+      check_(*watcher.account, session);
+      const int renewal = static_cast<int>(std::chrono::seconds(kIdleRenewal).count());
+      while (!watcher.stop && ((result = session.Idle(renewal)) == 0 || result == 1)) {
+        if (result == 1) check_(*watcher.account, session);  // INBOX changed
+      }
+      session.Close();
+      if (watcher.stop) return;
+    }
+    WriteLog(kLogError, "%s watch IMAP server error: %s\n", mailbox.login->c_str(),
+             CNetError::GetErrorString(result));
+    if (!watcher.Pause(retry)) return;
+    retry = std::min<std::chrono::milliseconds>(retry * 2, kLastRetry);
+  }
+}
+
+}  // namespace corvane
