@@ -5,6 +5,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace corvane {
 namespace {
@@ -37,6 +39,11 @@ void DebugTraceV(const char* serviceName, const char* format, va_list args) {
   char line[1024];
   FormatV(line, serviceName, static_cast<unsigned long>(gettid()), format, args);
   syslog(LOG_DAEMON | LOG_DEBUG, "%s", line);
+  // Where no syslog daemon listens (a container), a foreground run can
+  // have its trace on standard error instead.
+  if (const char* copy = std::getenv("CORVANE_TRACE"); copy && std::strcmp(copy, "stderr") == 0) {
+    std::fputs(line, stderr);
+  }
 }
 
 void DebugTrace(const char* serviceName, const char* format, ...) {

@@ -5,7 +5,8 @@
 namespace corvane {
 
 // Trace line of the service wrapper: "[<service>](<thread id>): <message>",
-// at most 1024 bytes, sent to syslog at debug severity whatever the log level.
+// at most 1024 bytes, sent to syslog at debug severity whatever the log level,
+// and also to standard error when CORVANE_TRACE is "stderr".
 void DebugTrace(const char* serviceName, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -43,6 +43,7 @@ ServiceSettings ServiceSettings::Load(const IniFile& ini) {
   ReadNumber(ini, "Application", "pop3_timeout", s.pop3Timeout);
   ReadNumber(ini, "Application", "operation_timeout", s.operationTimeout);
   ReadNumber(ini, "Application", "max_message_size", s.maxMessageMb);
+  ReadNumber(ini, "Application", "max_attachment_size", s.maxAttachmentMb);
   s.defaultBody = ini.Get("Application", "default_body");
   s.filesRoot = NonEmpty(ini.Get("Application", "files_root"));
   s.logLevel = LogLevelFromName(ini.Get("Application", "log_level"));

@@ -30,9 +30,10 @@ struct ServiceSettings {
   int32_t pop3Timeout = 20;                        // [Application] pop3_timeout
   int32_t operationTimeout = 300;                  // [Application] operation_timeout, seconds
   int32_t maxMessageMb = 64;                       // [Application] max_message_size, MB
-  std::optional<std::string> defaultBody;          // [Application] default_body
-  std::optional<std::string> filesRoot;            // [Application] files_root; none: anywhere
-  int32_t logLevel = 1;                            // [Application] log_level
+  int32_t maxAttachmentMb = 25;            // [Application] max_attachment_size, MB: a send's files
+  std::optional<std::string> defaultBody;  // [Application] default_body
+  std::optional<std::string> filesRoot;    // [Application] files_root; none: anywhere
+  int32_t logLevel = 1;                    // [Application] log_level
 
   // Reads every key in the start-up order; missing keys keep their defaults.
   static ServiceSettings Load(const IniFile& ini);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <unordered_map>
 
+#include "base/ascii_text.h"
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "mail/header_display.h"
@@ -113,7 +114,7 @@ MailListItem MailLister::BuildItem(const std::string& uid, const MailMessage& me
                                    int subjectLength) {
   std::string from = DisplayHeaderOf(message, kFieldFrom, targetCharset_).value_or("");
   std::string subject = DisplayHeaderOf(message, kFieldSubject, targetCharset_).value_or("");
-  if (subjectLength > 0) ShortenText(subject, subjectLength);
+  if (subjectLength > 0) ShortenText(subject, subjectLength, SameText(targetCharset_, "utf-8"));
   int32_t time = ParseMailDate(message.JoinedHeaderValues(kFieldDate));
   std::optional<std::string> contentType = message.JoinedHeaderValues(kFieldContentType);
   bool mixed = contentType && contentType->find("multipart/mixed;") != std::string::npos;

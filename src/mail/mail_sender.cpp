@@ -1,5 +1,7 @@
 #include "mail/mail_sender.h"
 
+#include <sys/stat.h>
+
 #include "base/confined_path.h"
 #include "base/decimal_text.h"
 #include "base/process_log.h"
@@ -66,8 +68,25 @@ MailSender::MailSender(RequestFields& request) {
   mail_.charset = request.Parameter("Encode").value_or("gb2312");
   mail_.priority = request.Parameter("Priority");
   mail_.receipt = request.Parameter("Receipt") == "true";
+  // Checked before anything is read: /dev/zero or a huge file would
+  // otherwise be read into memory before the send failed.
+  const int64_t limit = int64_t{g_settings.maxAttachmentMb} * 1024 * 1024;
+  int64_t total = 0;
   for (int i = 1; std::optional<std::string> path = request.ParameterAt("Attachments", i); ++i) {
-    if (!ClientLocalPath(*path) && !mail_.refusedAttachment) mail_.refusedAttachment = *path;
+    const std::optional<std::string> inside = ClientLocalPath(*path);
+    struct stat file;
+    const char* problem = nullptr;
+    if (!inside) {
+      problem = "is outside files_root";
+    } else if (::stat(inside->c_str(), &file) != 0 || !S_ISREG(file.st_mode)) {
+      problem = "is not a regular file";
+    } else if (limit > 0 && (total += file.st_size) > limit) {
+      problem = "takes the attachments past max_attachment_size";
+    }
+    if (problem && !mail_.refusedAttachment) {
+      mail_.refusedAttachment = *path;
+      mail_.refusal = problem;
+    }
     mail_.attachments.push_back(std::move(*path));
   }
 }
@@ -104,8 +123,8 @@ void MailSender::Send(wxEntryLog& answer) {
   }
   if (mail_.refusedAttachment) {
     WriteFailure(answer, "Send mail error");
-    WriteLog(kLogError, "Send mail ocurr error: attachment %s is outside files_root\n",
-             mail_.refusedAttachment->c_str());
+    WriteLog(kLogError, "Send mail ocurr error: attachment %s %s\n",
+             mail_.refusedAttachment->c_str(), mail_.refusal.c_str());
     return;
   }
   if (mail_.authenticate) {

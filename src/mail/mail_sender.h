@@ -26,9 +26,11 @@ struct OutgoingMail {
   std::optional<std::string> priority;
   bool receipt = false;
   std::vector<std::string> attachments;  // paths on this machine, in order
-  // The first file of the request outside [Application] files_root: the
-  // send fails before it connects.
+  // The first file of the request that may not be attached (outside
+  // [Application] files_root, not a regular file, or past
+  // max_attachment_size), and why: the send fails before it connects.
   std::optional<std::string> refusedAttachment;
+  std::string refusal;
 };
 
 // "SendMail": one plain-text message, with files attached, submitted through

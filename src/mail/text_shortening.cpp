@@ -1,10 +1,11 @@
 #include "mail/text_shortening.h"
 
+#include "base/utf8_text.h"
 #include "mail/text_helpers.h"
 
 namespace corvane {
 
-int ShortenText(std::string& text, int limit) {
+int ShortenText(std::string& text, int limit, bool utf8) {
   text.resize(UpToNul(text).size());
   const auto length = static_cast<long long>(text.size());
   if (limit >= length - 3 || limit < 2) return static_cast<int>(length);
@@ -14,7 +15,14 @@ int ShortenText(std::string& text, int limit) {
       pending = 0;
     }
   }
-  const int cut = pending == 1 ? limit - 1 : limit;
+  int cut = pending == 1 ? limit - 1 : limit;
+  if (utf8 && IsUtf8(text)) {
+    // A continuation byte (10xxxxxx) is never where a character starts.
+    cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>(text[static_cast<size_t>(cut)]) & 0xC0) == 0x80) {
+      --cut;
+    }
+  }
   text.resize(static_cast<size_t>(cut));
   text += "...";
   return cut + 3;

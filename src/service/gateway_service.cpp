@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <ctime>
 
 #include "base/process_log.h"
 #include "base/service_settings.h"
@@ -31,6 +32,11 @@ bool GatewayService::OnInit() {
     return false;
   }
   if (checkMail_) checkMail_->Start();
+  // The one line a foreground run shows of itself; the log has the rest.
+  std::fprintf(stderr, "corvane %d.%d: listening on %s:%u, program directory %s, log %s\n",
+               kMajorVersion, kMinorVersion, address.empty() ? "0.0.0.0" : address.c_str(),
+               static_cast<unsigned>(server_.BoundPort()), programDirectory_.c_str(),
+               g_logWriter ? g_logWriter->FileNameFor(std::time(nullptr)).c_str() : "none");
   return true;
 }
 
@@ -44,6 +50,7 @@ void GatewayService::OnStop() {
   OperationDeadline::StopAll();
   server_.Shutdown();
   WriteLog(kLogInfo, "Program terminal\n");
+  std::fprintf(stderr, "corvane: stopped\n");
   if (checkMail_) checkMail_->Stop();
   DestroyGlobals();
   SetStatus(kStopped);

@@ -21,10 +21,13 @@ class GatewayService : public TCService {
   // The new-mail check, started once the request port is bound and stopped
   // by OnStop before the teardown it must not outlive.
   void SetCheckMail(CheckMailThread* checkMail) { checkMail_ = checkMail; }
+  // The program directory named in the start line on standard error.
+  void SetProgramDirectory(std::string directory) { programDirectory_ = std::move(directory); }
 
   // Binds the configured port and starts accepting (and the new-mail
   // check); false, logged, when the port cannot be bound. Only then does
-  // the service report itself ready.
+  // the service report itself ready, and say on standard error where it
+  // listens and logs.
   bool OnInit() override;
   // Serves until `OnStop`; returns when stopped.
   void Run() override;
@@ -36,6 +39,7 @@ class GatewayService : public TCService {
   CommandDispatcher dispatcher_;
   CSyncSocketServer server_;
   CheckMailThread* checkMail_ = nullptr;
+  std::string programDirectory_;
 };
 
 // Blocks SIGTERM and SIGINT in the calling thread and so in every thread it

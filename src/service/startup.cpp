@@ -62,8 +62,10 @@ void LogStartupIntent(int argc, char** argv) {
 }
 
 int RunProgram(int argc, char** argv) {
-  InitGlobals(ProgramDirectoryFromPath(ExecutablePath()));
+  const std::string programDirectory = ProgramDirectoryFromPath(ExecutablePath());
+  InitGlobals(programDirectory);
   GatewayService service;
+  service.SetProgramDirectory(programDirectory);
   LogStartupIntent(argc, argv);
   if (service.ParseStandardArgs(argc, argv) != 0) {
     DestroyGlobals();

@@ -134,7 +134,7 @@ void CSocketWorker::ReceiveLoop() {
     ssize_t got = ::recv(socket_, buffer.data(), buffer.size(), 0);
     if (got <= 0) {
       int error = got < 0 ? errno : 0;
-      Console("Recv Exit WSAErr: %d\n", error);
+      Console("Recv Exit errno: %d\n", error);
       if (error == EMSGSIZE) {
         buffer.resize(buffer.size() * 2);
         continue;
@@ -222,7 +222,7 @@ void CSocketWorker::DrainSendQueue(std::unique_lock<std::mutex>& lock, std::stri
     sending_ = false;
     // A partial send counts as complete: clients have always seen it so.
     if (sent <= 0) {
-      Console("Send Exit WSAErr: %d\n", error);
+      Console("Send Exit errno: %d\n", error);
       sendQueue_.emplace_front(out);
       sendQueuedBytes_ += out.size();
       return;
@@ -237,7 +237,7 @@ void CSocketWorker::WorkLoop() {
   } catch (const std::exception&) {
     // A request that blew up ends its connection, not the gateway.
   }
-  Console("Work Exit WSAErr: %d\n", errno);
+  Console("Work Exit errno: %d\n", errno);
   CloseSocket();
   NotifySettled();
 }

@@ -457,13 +457,31 @@ TEST(SendMailTest, EveryFailureHasItsAnswerARefusalStopsTheRestAndBccStaysHidden
   EXPECT_EQ(SendMail(refusing.port(), {{"To", "a@x.com,no@x.com"}, {"Cc", "c@x.com"}}),
             Failure("Send mail error"));
   EXPECT_TRUE(refusing.Finish()) << refusing.Errors();
-  // An attachment that cannot be read, or is no file: nothing is submitted.
-  for (const std::string path : {"/nonexistent/f", "/"}) {
-    ScriptedPeer unread(Smtp("", {}));
-    EXPECT_EQ(SendMail(unread.port(), {{"To", "a@x.com"}}, {}, {{"Attachments", path}}),
+  // What may not be attached fails the send before it connects: no file, no
+  // regular file (/dev/zero would be read without end), one file or all of
+  // them together past max_attachment_size.
+  test::TempDir files;
+  test::WriteFile(files / "big", std::string(1024 * 1024 + 1, 'x'));
+  test::WriteFile(files / "mb", std::string(1024 * 1024, 'x'));
+  test::WriteFile(files / "half", std::string(600 * 1024, 'x'));
+  const ServiceSettings saved = g_settings;
+  g_settings.maxAttachmentMb = 1;
+  const std::pair<std::string, bool> attachments[] = {
+      {"/nonexistent/f", true}, {"/", true},           {"/dev/zero", true},
+      {files / "big", true},    {files / "mb", false}, {files / "half," + files / "half", true},
+      {files / "half", false}};
+  for (const auto& [paths, refused] : attachments) {
+    std::string bytes = test::MailRequest({}, {}, {{"Attachments", paths}});
+    RequestFields request(bytes.data(), bytes.size());
+    EXPECT_EQ(MailSender(request).Mail().refusedAttachment.has_value(), refused) << paths;
+    if (!refused) continue;
+    ScriptedPeer unread({}, 100);
+    EXPECT_EQ(SendMail(unread.port(), {{"To", "a@x.com"}}, {}, {{"Attachments", paths}}),
               Failure("Send mail error"));
-    EXPECT_TRUE(unread.Finish()) << unread.Errors();
+    unread.Finish();
+    EXPECT_EQ(unread.Connections(), 0) << paths;
   }
+  g_settings = saved;
   // A Bcc recipient gets a copy without a header; a refused sender stops the rest.
   std::string a, hidden;
   ScriptedPeer peer(Smtp("s@x.org", {{"a@x.com", &a}, {"hidden@x.net", &hidden}},

@@ -141,17 +141,26 @@ TEST(TextTest, HeaderTextAndFileNamesStayOnOneLineInOneDirectoryCharsetsAreCutDa
 
 TEST(TextTest, ShorteningCutsAtTheLimitBetweenCharactersAndAddsDots) {
   // A lone 8-bit byte pairs with the next one, even across ASCII.
-  const std::tuple<std::string, int, std::string> cases[] = {
-      {"0123456789", 7, "0123456789"},
-      {"0123456789", 6, "012345..."},
-      {"0123456789", 1, "0123456789"},
-      {"0123456789", -4, "0123456789"},
-      {"abcd\326\320wxyz", 5, "abcd..."},
-      {"abcd\326\320wxyz", 6, "abcd\326\320..."},
-      {"\241bcd\260\241xyzw", 5, "\241bcd\260..."},
-      {"\241bcdefghij", 6, "\241bcde..."}};
-  for (auto [text, limit, shortened] : cases) {
-    EXPECT_EQ(ShortenText(text, limit), static_cast<int>(shortened.size())) << text;
+  const std::tuple<std::string, int, std::string, bool> cases[] = {
+      {"0123456789", 7, "0123456789", false},
+      {"0123456789", 6, "012345...", false},
+      {"0123456789", 1, "0123456789", false},
+      {"0123456789", -4, "0123456789", false},
+      {"abcd\326\320wxyz", 5, "abcd...", false},
+      {"abcd\326\320wxyz", 6, "abcd\326\320...", false},
+      {"\241bcd\260\241xyzw", 5, "\241bcd\260...", false},
+      {"\241bcdefghij", 6, "\241bcde...", false},
+      // UTF-8: the cut moves back to the character's first byte, whatever
+      // the pairs of 8-bit bytes before it say.
+      {"caf\xc3\xa9 au lait", 4, "caf...", true},
+      {"caf\xc3\xa9 au lait", 5, "caf\xc3\xa9...", true},
+      {"\xe4\xb8\xad\xe6\x96\x87\xe6\x96\x87\xe5\xad\x97", 5, "\xe4\xb8\xad...", true},
+      {"\xf0\x9f\x98\x80\xf0\x9f\x98\x80xyzw", 7, "\xf0\x9f\x98\x80...", true},
+      {"\xe4\xb8\xad\xe6\x96\x87\xe6\x96\x87\xe5\xad\x97", 6, "\xe4\xb8\xad\xe6\x96\x87...", true},
+      // GB2312 passed on unconverted to a UTF-8 client: still cut in pairs.
+      {"abcd\326\320wxyz", 5, "abcd...", true}};
+  for (auto [text, limit, shortened, utf8] : cases) {
+    EXPECT_EQ(ShortenText(text, limit, utf8), static_cast<int>(shortened.size())) << text;
     EXPECT_EQ(text, shortened) << limit;
   }
 }

@@ -185,8 +185,17 @@ TEST(GatewayRunTest, ReadyOnceThePortAcceptsSigtermEndsItAndATakenPortExitsWithO
   test::NotifySocket systemd(dir / "notify");
   test::ScopedEnv notify("NOTIFY_SOCKET", (dir / "notify").c_str());
   test::GatewayProcess gateway("log_level=debug\n");
+  test::ScopedEnv trace("CORVANE_TRACE", "stderr");
   ASSERT_TRUE(gateway.Start(false));
   EXPECT_EQ(systemd.Next().rfind("READY=1", 0), 0u);
+  // Where it listens and logs, on standard error with the trace.
+  const std::string started = gateway.StandardError();
+  EXPECT_NE(started.find("corvane 3.0: listening on 0.0.0.0:" + std::to_string(gateway.port()) +
+                         ", program directory " + gateway.dir().path() + ", log " +
+                         gateway.dir().path() + "/log/"),
+            std::string::npos)
+      << started;
+  EXPECT_NE(started.find("[Corvane]("), std::string::npos) << started;
   EXPECT_TRUE(test::WaitForListener(gateway.port()));  // at once: the port was bound first
   // The new-mail check runs its first pass once the port is bound.
   for (int i = 0; i < 200 && gateway.LogText().find("Start check mail") == std::string::npos; ++i)
@@ -205,6 +214,7 @@ TEST(GatewayRunTest, ReadyOnceThePortAcceptsSigtermEndsItAndATakenPortExitsWithO
 
   EXPECT_EQ(gateway.Stop(), 0);
   EXPECT_EQ(systemd.Next().rfind("STOPPING=1", 0), 0u);  // and nothing from the second
+  EXPECT_NE(gateway.StandardError().find("corvane: stopped\n"), std::string::npos);
   for (const char* line : {" Program terminal\n", " Destroy global variables.\n"}) {
     EXPECT_NE(gateway.LogText().find(line), std::string::npos) << line;
   }

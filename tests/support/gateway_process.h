@@ -1,6 +1,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -66,6 +67,9 @@ class GatewayProcess {
   bool Start(bool waitUntilListening = true) {
     if ((pid_ = fork()) == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies leaves no gateway behind
+      // What it says on standard error, for the test to read (StandardError).
+      const int errors = open((dir_ / "stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+      if (errors >= 0) dup2(errors, 2);
       const std::string path = dir_ / "corvane";
       execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
       _exit(127);
@@ -93,6 +97,7 @@ class GatewayProcess {
     return -1;
   }
 
+  std::string StandardError() const { return ReadFile(dir_ / "stderr"); }
   std::string LogText() const {
     std::string text;
     std::error_code none;  // no log directory yet: no text

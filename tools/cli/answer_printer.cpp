@@ -1,8 +1,11 @@
 #include "answer_printer.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <vector>
 
+#include "base/utf8_text.h"
 #include "transport/counted_string.h"
 
 namespace corvane::cli {
@@ -33,13 +36,30 @@ std::vector<Entry> ReadEntries(std::string_view bytes) {
   return entries;
 }
 
-std::string JsonString(std::string_view text) {
+std::string Base64(std::string_view bytes) {
+  static constexpr char kDigits[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < bytes.size(); i += 3) {
+    const size_t n = std::min<size_t>(3, bytes.size() - i);
+    uint32_t group = 0;
+    for (size_t k = 0; k < 3; ++k) {
+      group = group << 8 | (k < n ? static_cast<unsigned char>(bytes[i + k]) : 0u);
+    }
+    for (size_t k = 0; k < 4; ++k) out += k <= n ? kDigits[group >> (18 - 6 * k) & 63] : '=';
+  }
+  return out;
+}
+
+// A JSON string of UTF-8 text: only quotes, backslashes and control bytes
+// are escaped.
+std::string JsonText(std::string_view text) {
   std::string out = "\"";
   for (unsigned char c : text) {
     if (c == '"' || c == '\\') {
       out += '\\';
       out += static_cast<char>(c);
-    } else if (c < 0x20 || c > 0x7e) {
+    } else if (c < 0x20 || c == 0x7f) {
       char escaped[8];
       std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
       out += escaped;
@@ -48,6 +68,12 @@ std::string JsonString(std::string_view text) {
     }
   }
   return out + "\"";
+}
+
+// A value: UTF-8 text as a string, any other bytes (GB2312 text, binary)
+// as {"base64":"..."}, so that a reader gets the exact bytes back.
+std::string JsonString(std::string_view bytes) {
+  return IsUtf8(bytes) ? JsonText(bytes) : "{\"base64\":\"" + Base64(bytes) + "\"}";
 }
 
 std::vector<std::string> SplitValues(const std::string& text) {
@@ -125,7 +151,8 @@ std::string RenderJson(const std::vector<Entry>& entries) {
   auto key = [&](const std::string& name) {
     if (!first.back()) out += ",";
     first.back() = false;
-    out += JsonString(name) + ":";
+    // Names are the gateway's own ASCII words; other bytes are not kept.
+    out += JsonText(IsUtf8(name) ? name : std::string("?")) + ":";
   };
   for (const Entry& entry : entries) {
     switch (entry.tag) {
