@@ -46,8 +46,9 @@ void ImapWatch::WatchOnly(const std::vector<std::shared_ptr<Account>>& accounts)
       const std::string key = account->Key();
       if (kept.count(key)) continue;
       auto found = watchers_.find(key);
-      // The same account object: a changed one (a new password, say) is a
-      // new registration and gets a new watcher.
+      // The same account object keeps its watcher: one updated in place
+      // (a new password, say) is read again when its connection is opened
+      // again; one deleted and added again gets a new watcher.
       if (found != watchers_.end() && found->second->account == account) {
         kept.emplace(key, std::move(found->second));
         watchers_.erase(found);
@@ -99,6 +100,8 @@ void ImapWatch::Watch(Watcher& watcher) {
     if (result == 0) {
       retry = kFirstRetry;
       check_(*watcher.account, session);
+      WriteLog(kLogDebug, "Watch mail account in IDLE: %s@%s\n", mailbox.login->c_str(),
+               mailbox.pop3Host->c_str());
       const int renewal = static_cast<int>(std::chrono::seconds(kIdleRenewal).count());
       while (!watcher.stop && ((result = session.Idle(renewal)) == 0 || result == 1)) {
         if (result == 1) check_(*watcher.account, session);  // INBOX changed

@@ -571,7 +571,7 @@ TEST_F(CheckMailTest, AnImapAccountIsAnnouncedAsMailArrives) {
   fs::permissions(notify, fs::perms::owner_all);
   test::WriteFile(config, ReadFile(config) + "[Pushmail]\nInterval=600\nSender=" + notify + "\n");
   ASSERT_TRUE(gateway.Start());
-  const auto account = pop3_.Mailbox("NOTIFY");
+  const auto account = pop3_.Mailbox("WATCH");
   Answer registered = AskGateway(gateway.port(),
                                  "--req Command=ConfigMail --req Pop3=127.0.0.1 "
                                  "--req Port=143 --req Login=" +
@@ -579,8 +579,11 @@ TEST_F(CheckMailTest, AnImapAccountIsAnnouncedAsMailArrives) {
                                      " --req Mobile=139 --param Config=append "
                                      "--param Polling=start");
   ASSERT_EQ(registered.status, 0) << registered.output;
-  // What was there already is announced first, by the watch.
-  ASSERT_TRUE(WaitFor([&] { return CallsOf(gateway).size() >= 3; })) << gateway.LogText();
+  // Once the watch waits in IDLE, a message arrives.
+  ASSERT_TRUE(WaitFor([&] {
+    return gateway.LogText().find("Watch mail account in IDLE: " + account.user) !=
+           std::string::npos;
+  })) << gateway.LogText();
   const std::string marker = UniqueMarker("idle");
   Answer sent = AskGateway(gateway.port(),
                            "--req Command=SendMail --req Smtp=127.0.0.1 "
