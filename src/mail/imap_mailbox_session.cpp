@@ -6,7 +6,6 @@
 
 #include "base/decimal_text.h"
 #include "base/process_log.h"
-#include "protocol/command_text.h"
 #include "protocol/net_codes.h"
 #include "protocol/net_error.h"
 #include "stream/file_data_source.h"
@@ -14,7 +13,6 @@
 namespace corvane {
 namespace {
 
-constexpr int kImapsPort = 993;
 // Chain and host name checked against the system's trust store.
 constexpr int kVerifyChainAndHost = 2;
 
@@ -34,15 +32,12 @@ std::optional<uint32_t> ParseNumber(std::string_view text) {
 }  // namespace
 
 int ImapMailboxSession::Open(const MailboxLogin& mailbox) {
-  for (const std::string* text : {&*mailbox.pop3Host, &*mailbox.login, &*mailbox.password}) {
-    if (!IsSafeCommandArgument(*text)) return kNetInvalidParameter;
-  }
+  if (!SafeToSend(mailbox)) return kNetInvalidParameter;
   // 993 speaks TLS from the first byte; 143 upgrades whenever the server
   // offers it. Either way the certificate is checked as for POP3S.
-  const int port = ReadDecimal(mailbox.port);
   client_.SetSecurityEnabled(true);
   client_.SetCertValidation(kVerifyChainAndHost);
-  client_.SetPort(static_cast<unsigned>(port == kImapsPort ? kImapsPort : port));
+  client_.SetPort(static_cast<unsigned>(ReadDecimal(mailbox.port)));
   return client_.Open(mailbox.pop3Host->c_str(), mailbox.login->c_str(), mailbox.password->c_str());
 }
 

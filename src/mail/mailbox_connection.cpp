@@ -44,12 +44,17 @@ MailboxLogin MailboxOf(Account& account) {
   return mailbox;
 }
 
-int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
+bool SafeToSend(const MailboxLogin& mailbox) {
   // A NUL would cut the text short on its way to the server (and a line
   // break would add a command): refused before connecting.
   for (const std::string* text : {&*mailbox.pop3Host, &*mailbox.login, &*mailbox.password}) {
-    if (!IsSafeCommandArgument(*text)) return kNetInvalidParameter;
+    if (!IsSafeCommandArgument(*text)) return false;
   }
+  return true;
+}
+
+int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
+  if (!SafeToSend(mailbox)) return kNetInvalidParameter;
   int port = ReadDecimal(mailbox.port);
   if (port == kPop3sPort) {
     client.SetSecurityEnabled(true);

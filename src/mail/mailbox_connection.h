@@ -30,6 +30,9 @@ struct Account;
 // The mailbox of a registered account, read under its lock.
 MailboxLogin MailboxOf(Account& account);
 
+// Whether the host, login and password may go to a server: no CR, LF or NUL.
+bool SafeToSend(const MailboxLogin& mailbox);
+
 // Connects and logs in: port 995 (the port text read as a number) is POP3
 // over TLS with the certificate checked, every other port plain. 0 or the
 // connection's result code.
