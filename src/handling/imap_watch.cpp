@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "base/process_log.h"
+#include "base/service_settings.h"
 #include "mail/mailbox_connection.h"
 #include "protocol/net_error.h"
 #include "protocol/operation_deadline.h"
@@ -81,11 +82,17 @@ void ImapWatch::StopAll() {
 }
 
 void ImapWatch::Watch(Watcher& watcher) {
-  // No deadline of its own (IDLE waits long), but the process's stop still
-  // shuts its connection at once.
-  OperationDeadline scope(std::chrono::milliseconds(0));
+  using Clock = std::chrono::steady_clock;
   std::chrono::milliseconds retry = kFirstRetry;
   while (!watcher.stop) {
+    // One connection lives one renewal period, then a new one is opened:
+    // with the operation time-out after it as the connection's deadline, a
+    // server that drips its replies cannot hold the watch longer, and the
+    // process's stop shuts it at once.
+    const int timeout = g_settings.operationTimeout;
+    OperationDeadline scope(timeout > 0 ? kIdleRenewal + std::chrono::seconds(timeout)
+                                        : std::chrono::milliseconds(0));
+    const auto renewBy = Clock::now() + kIdleRenewal;
     MailboxLogin mailbox = MailboxOf(*watcher.account);
     ImapMailboxSession session;
     session.SetAbortCheck([&watcher] { return watcher.stop.load(); });
@@ -102,12 +109,16 @@ void ImapWatch::Watch(Watcher& watcher) {
       check_(*watcher.account, session);
       WriteLog(kLogDebug, "Watch mail account in IDLE: %s@%s\n", mailbox.login->c_str(),
                mailbox.pop3Host->c_str());
-      const int renewal = static_cast<int>(std::chrono::seconds(kIdleRenewal).count());
-      while (!watcher.stop && ((result = session.Idle(renewal)) == 0 || result == 1)) {
+      for (auto left = renewBy - Clock::now(); !watcher.stop && left > std::chrono::seconds(0);
+           left = renewBy - Clock::now()) {
+        result =
+            session.Idle(static_cast<int>(std::chrono::ceil<std::chrono::seconds>(left).count()));
         if (result == 1) check_(*watcher.account, session);  // INBOX changed
+        if (result != 0 && result != 1) break;
       }
       session.Close();
       if (watcher.stop) return;
+      if (result == 0 || result == 1) continue;  // renewed on a new connection
     }
     WriteLog(kLogError, "%s watch IMAP server error: %s\n", mailbox.login->c_str(),
              CNetError::GetErrorString(result));

@@ -18,9 +18,9 @@ namespace corvane {
 // Registered IMAP accounts watched for new mail as it arrives, not at the
 // next pass: each on a connection of its own, waiting in IDLE, which the
 // server ends as soon as INBOX changes; the account is then checked on the
-// same connection. The IDLE is renewed within the server's 29 minutes, and
-// a dropped connection is opened again after a pause that doubles up to
-// five minutes. An account whose server has no IDLE is given back to the
+// same connection. Every 25 minutes (within the server's 29) the watch goes
+// on over a new connection, and a dropped one is opened again after a pause
+// that doubles up to five minutes. An account whose server has no IDLE is given back to the
 // pass. Each watcher is one thread and one connection.
 class ImapWatch {
  public:

@@ -26,13 +26,6 @@ bool FitsOnALine(const std::string& text) {
 
 }  // namespace
 
-const MailListItem* ListCache::Find(const std::string& uid) const {
-  for (const MailListItem& item : items) {
-    if (!item.uid.empty() && item.uid == uid) return &item;
-  }
-  return nullptr;
-}
-
 ListCache ReadListCache(const std::string& path) {
   ListCache cache;
   std::ifstream file(path, std::ios::binary);

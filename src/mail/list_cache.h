@@ -21,9 +21,6 @@ struct ListCache {
   // that many.
   int32_t count = 0;
   std::vector<MailListItem> items;
-
-  // The first item with exactly this id, or null.
-  const MailListItem* Find(const std::string& uid) const;
 };
 
 // Reads a cache file; a missing file gives an empty cache, a cut-short one

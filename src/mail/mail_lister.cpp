@@ -77,9 +77,15 @@ int MailLister::Open(wxEntryLog& answer) {
 }
 
 void MailLister::GatherItems(int subjectLength) {
+  // The cache by id, the first row of an id counting: a look-up for each of
+  // up to limits::kMaxMessages ids must not walk the whole cache.
+  std::unordered_map<std::string_view, const MailListItem*> cached;
+  for (const MailListItem& item : cache_.items) {
+    if (!item.uid.empty()) cached.emplace(item.uid, &item);
+  }
   std::vector<std::string> uncached;
   for (const std::string& uid : ids_) {
-    if (!cache_.Find(uid)) uncached.push_back(uid);
+    if (!cached.count(uid)) uncached.push_back(uid);
   }
   std::unordered_map<std::string, MailListItem> fetched;
   session_->ReadHeaders(
@@ -95,7 +101,8 @@ void MailLister::GatherItems(int subjectLength) {
   // counts as gone.
   for (size_t k = 0; k < ids_.size(); ++k) {
     const std::string& uid = ids_[k];
-    const MailListItem* item = cache_.Find(uid);
+    auto hit = cached.find(uid);
+    const MailListItem* item = hit != cached.end() ? hit->second : nullptr;
     if (item) {
       WriteLog(kLogDebug, "Get list item %zu/%zu from cache UID: %s\n", k + 1, ids_.size(),
                uid.c_str());

@@ -66,8 +66,6 @@ class BodySink : public ImapLiteralSink {
 
 }  // namespace
 
-// The socket as the response reader's byte source, within the reply
-// time-out.
 // The socket as the response reader's byte source. Every wait is cut in
 // slices of 200 ms up to the reply time-out, and only bytes already come are
 // taken, so that an abort is seen soon even amid a line or a literal.
