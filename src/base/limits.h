@@ -18,6 +18,9 @@ inline constexpr size_t kMaxHeaderBytes = 256 * 1024;
 inline constexpr size_t kMaxHeaderFields = 1000;
 // Bytes of one header field, its continuation lines included.
 inline constexpr size_t kMaxFieldBytes = 64 * 1024;
+// Bytes of a listing row's sender and of its subject before they are cut
+// (with "..." added): a listing holds up to kMaxMessages rows.
+inline constexpr int kMaxListFieldBytes = 512;
 
 // Bytes of one client connection queued between the network and the work
 // thread, each way. A client that sends faster than its requests are served

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "base/ascii_text.h"
+#include "base/limits.h"
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "mail/header_display.h"
@@ -121,7 +122,10 @@ MailListItem MailLister::BuildItem(const std::string& uid, const MailMessage& me
                                    int subjectLength) {
   std::string from = DisplayHeaderOf(message, kFieldFrom, targetCharset_).value_or("");
   std::string subject = DisplayHeaderOf(message, kFieldSubject, targetCharset_).value_or("");
-  if (subjectLength > 0) ShortenText(subject, subjectLength, SameText(targetCharset_, "utf-8"));
+  const bool utf8 = SameText(targetCharset_, "utf-8");
+  const int limit = limits::kMaxListFieldBytes;
+  ShortenText(from, limit, utf8);
+  ShortenText(subject, subjectLength > 0 ? std::min(subjectLength, limit) : limit, utf8);
   int32_t time = ParseMailDate(message.JoinedHeaderValues(kFieldDate));
   std::optional<std::string> contentType = message.JoinedHeaderValues(kFieldContentType);
   bool mixed = contentType && contentType->find("multipart/mixed;") != std::string::npos;

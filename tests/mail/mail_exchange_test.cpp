@@ -189,6 +189,15 @@ TEST_F(MailboxTest, ListingShortensSubjectsFlagsMixedMailAndKeepsTheCacheOfAnOpe
                   Entry(2, "Row2", Row("c", "0123456", t0, "0")));
     fs::remove_all(CachePath(peer));
   }
+  // Without subject_length a row's sender and subject are still cut: a
+  // hostile server's 4 KB fields, 100,000 times over, would take gigabytes.
+  const std::string f(4000, 'f'), s(4000, 's');
+  ScriptedPeer huge(Listing(
+      1, "1 a\r\n", {Expect("TOP 1 0\r\n"), Send(Multiline("From: " + f + "\r\nSubject: " + s))}));
+  EXPECT_EQ(List(huge),
+            test::SuccessHead() + Entry(2, "Row0",
+                                        Row("a", s.substr(0, 512) + "...", "1970-01-01 00:00", "0",
+                                            f.substr(0, 512) + "...")));
 }
 
 TEST_F(MailboxTest, ACutShortCacheGivesHitsBeforeTheCutAndKnownIdsStayBoundedAndInTheCache) {
