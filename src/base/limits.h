@@ -53,6 +53,15 @@ inline constexpr size_t kMaxImapLiteralBytes = 16 * 1024 * 1024;
 // news of its own; a server that goes on past them fails the command.
 inline constexpr int kMaxImapUntagged = 2 * kMaxMessages + kMaxReplyLines;
 
+// Accounts ConfigMail may register, and bytes of each of an account's texts
+// (server, login, password, mobile): every account is held in memory, written
+// into account.dat on each change and checked on each pass.
+inline constexpr size_t kMaxAccounts = 10000;
+inline constexpr size_t kMaxAccountFieldBytes = 255;
+// IMAP accounts watched in IDLE, each a thread and a connection of its own;
+// those past it are checked by the passes.
+inline constexpr size_t kMaxImapWatches = 1000;
+
 // Accounts the new-mail check polls at once ([Pushmail] Workers is held to
 // it): each is a thread and a connection.
 inline constexpr int kMaxCheckWorkers = 256;

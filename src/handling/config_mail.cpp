@@ -4,6 +4,7 @@
 
 #include "base/ascii_text.h"
 #include "base/decimal_text.h"
+#include "base/limits.h"
 #include "base/process_log.h"
 #include "transport/response_entries.h"
 
@@ -23,7 +24,8 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
   }
   // A line break or NUL would write forged rows into the profile file.
   for (const auto* field : {&pop3, &login, &password, &mobile}) {
-    if ((*field)->find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
+    if ((*field)->find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos ||
+        (*field)->size() > limits::kMaxAccountFieldBytes) {
       WriteFailure(answer, "Error config parameter");
       return;
     }
@@ -36,6 +38,13 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
   // told "fail" must find nothing changed, now or after a restart.
   std::function<void()> undo;
   if (SameText(*action, "append")) {
+    // Held to the bound give or take the appends running at this moment.
+    if (registry.Count() >= limits::kMaxAccounts) {
+      WriteFailure(answer, "Save account file error");
+      WriteLog(kLogError, "Account %s not added: %zu accounts already\n", key.c_str(),
+               registry.Count());
+      return;
+    }
     auto account = std::make_shared<Account>();
     account->login = *login;
     account->pop3Host = *pop3;

@@ -32,7 +32,8 @@ struct ImapWatch::Watcher {
   }
 };
 
-ImapWatch::ImapWatch(Check check) : check_(std::move(check)) {}
+ImapWatch::ImapWatch(Check check, size_t capacity)
+    : check_(std::move(check)), capacity_(capacity) {}
 
 ImapWatch::~ImapWatch() {
   StopAll();
@@ -44,6 +45,7 @@ void ImapWatch::WatchOnly(const std::vector<std::shared_ptr<Account>>& accounts)
     std::lock_guard guard(lock_);
     std::map<std::string, std::unique_ptr<Watcher>> kept;
     for (const auto& account : accounts) {
+      if (kept.size() >= capacity_) break;  // each is a thread: the rest are the pass's
       const std::string key = account->Key();
       if (kept.count(key)) continue;
       auto found = watchers_.find(key);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "accounts/account.h"
+#include "base/limits.h"
 #include "mail/imap_mailbox_session.h"
 
 namespace corvane {
@@ -27,13 +28,14 @@ class ImapWatch {
   // Checks an account on its open session (lists, announces the new).
   using Check = std::function<void(Account& account, MailboxSession& session)>;
 
-  explicit ImapWatch(Check check);
+  // At most `capacity` accounts are watched: the first of those listed.
+  explicit ImapWatch(Check check, size_t capacity = limits::kMaxImapWatches);
   ~ImapWatch();  // stops and joins every watcher
   ImapWatch(const ImapWatch&) = delete;
   ImapWatch& operator=(const ImapWatch&) = delete;
 
-  // Watches exactly these accounts (by key): new ones get a watcher, the
-  // watchers of those not listed stop.
+  // Watches exactly these accounts (by key), up to the capacity: new ones get
+  // a watcher, the watchers of those not watched stop.
   void WatchOnly(const std::vector<std::shared_ptr<Account>>& accounts);
   // Whether the account is the watch's (so the pass leaves it): watched,
   // and its server not known to lack IDLE.
@@ -49,6 +51,7 @@ class ImapWatch {
   void Watch(Watcher& watcher);
 
   Check check_;
+  const size_t capacity_;
   mutable std::mutex lock_;
   std::map<std::string, std::unique_ptr<Watcher>> watchers_;
 };

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "accounts/process_registry.h"
+#include "base/limits.h"
 #include "base/process_log.h"
 #include "handling/check_mail.h"
 #include "handling/notify_program.h"
@@ -123,15 +124,17 @@ TEST_F(CommandDispatcherTest, ConfigMailChangesTheRegistryAndItsProfile) {
 
 TEST_F(CommandDispatcherTest, MissingOrHostileFieldsChangeNothing) {
   // An empty value reads as absent; CR or LF would start a row of its own in
-  // the profile. (A NUL never arrives: the container cuts a value there.)
+  // the profile; past 255 bytes a field is refused. (A NUL never arrives: the
+  // container cuts a value there.)
   for (size_t field = 0; field < 4; ++field) {
-    for (std::string change : {"<remove>", "", "x\r\nevil,pop.evil,pw,110,1,1", "x\nevil"}) {
+    for (std::string change :
+         {"<remove>"s, ""s, "x\r\nevil,pop.evil,pw,110,1,1"s, "x\nevil"s, std::string(253, 'x')}) {
       Fields account = joe_;
       auto& value = account[field].second;
       value = change.empty() ? change : *value + change;
       if (change == "<remove>") account.erase(account.begin() + static_cast<long>(field));
       EXPECT_EQ(Config("append", account, "start"),
-                change.find('\n') == std::string::npos
+                change.size() < 10 && change.find('\n') == std::string::npos
                     ? "ConfigMail/fail/The parameter of request is not enough"
                     : "ConfigMail/fail/Error config parameter")
           << field << " " << change;
@@ -142,7 +145,19 @@ TEST_F(CommandDispatcherTest, MissingOrHostileFieldsChangeNothing) {
           {{"Command", "ConfigMail"}, {"Pop3", "p"}, {"Login", "l"}, {"Pwd", "w"}, {"Mobile", "m"}},
           {})),
       "ConfigMail/fail/The parameter of request is not enough");
-  EXPECT_EQ(g_accountRegistry.load()->Count(), 0u);
+  auto registry = g_accountRegistry.load();
+  EXPECT_EQ(registry->Count(), 0u);
+  // 255 bytes are taken, and accounts up to the registry's bound.
+  for (size_t k = 1; k < limits::kMaxAccounts; ++k) {
+    auto account = std::make_shared<corvane::Account>();
+    account->login = "u" + std::to_string(k);
+    registry->Add(std::move(account));
+  }
+  EXPECT_EQ(Config("append", Account("p," + std::string(255, 'l') + ",w,m"), "start"),
+            "ConfigMail/success/");
+  EXPECT_EQ(Config("append", Account("p,one-more,w,m"), "start"),
+            "ConfigMail/fail/Save account file error");
+  EXPECT_EQ(registry->Count(), limits::kMaxAccounts);
 }
 
 TEST_F(CommandDispatcherTest, AChangeThatCannotBeSavedIsUndoneAndAnswersFail) {

@@ -1,6 +1,7 @@
 // The IMAP watch against scripted servers: an account is checked at once and
 // again whenever IDLE reports a change, a dropped connection is opened again,
-// and a server without IDLE is given back to the pass.
+// and a server without IDLE, or past the watch's capacity, is given back to
+// the pass.
 #include "handling/imap_watch.h"
 
 #include <gtest/gtest.h>
@@ -76,6 +77,13 @@ TEST(ImapWatchTest, AServerWithoutIdleIsLeftToThePass) {
   // Listed again, it stays the pass's; not listed, it is no one's.
   watch.WatchOnly({account});
   EXPECT_FALSE(watch.Owns(account->Key()));
+  // Past the watch's capacity an account is the pass's too.
+  ImapWatch one([](Account&, MailboxSession&) {}, 1);
+  auto first = AccountOn(ClosedPort()), second = AccountOn(ClosedPort());
+  second->login = "ann";
+  one.WatchOnly({first, second});
+  EXPECT_TRUE(one.Owns(first->Key()));
+  EXPECT_FALSE(one.Owns(second->Key()));
 }
 
 }  // namespace
