@@ -18,6 +18,12 @@ inline constexpr size_t kMaxHeaderBytes = 256 * 1024;
 inline constexpr size_t kMaxHeaderFields = 1000;
 // Bytes of one header field, its continuation lines included.
 inline constexpr size_t kMaxFieldBytes = 64 * 1024;
+// Attachments kept of one message (parts and uuencoded files together), and
+// lines starting with "--" read of it: each such line may open a MIME part,
+// and the library builds every part, some kilobytes each, before any is
+// looked at. Past them the message is read as if cut short there.
+inline constexpr size_t kMaxAttachments = 1000;
+inline constexpr size_t kMaxBoundaryLines = 10000;
 // Bytes of a listing row's sender and of its subject before they are cut
 // (with "..." added): a listing holds up to kMaxMessages rows.
 inline constexpr int kMaxListFieldBytes = 512;

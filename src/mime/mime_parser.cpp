@@ -123,11 +123,13 @@ class PartWalker {
   }
 
   void AddAttachment(GMimeObject* object, std::string contentType) {
+    if (out_.attachments.size() >= limits::kMaxAttachments) return;
     out_.attachments.push_back({NameOf(object), std::move(contentType), MakePartContent(object)});
   }
 
   void AddUuencodedFiles(std::string& text) {
-    for (UuencodedFile& file : ExtractUuencodedFiles(text)) {
+    const size_t room = limits::kMaxAttachments - out_.attachments.size();
+    for (UuencodedFile& file : ExtractUuencodedFiles(text, room)) {
       out_.attachments.push_back({std::move(file.name), "application/octet-stream",
                                   MakeBytesContent(std::move(file.bytes))});
     }
@@ -249,6 +251,23 @@ void CapHeaderFields(GByteArray* bytes) {
   g_byte_array_set_size(bytes, static_cast<guint>(write + size - read));
 }
 
+// Cuts the message before the first line starting with "--" past
+// kMaxBoundaryLines: what follows is not read, as if the message ended there.
+void CapBoundaryLines(GByteArray* bytes) {
+  const char* data = reinterpret_cast<const char*>(bytes->data);
+  const size_t size = bytes->len;
+  size_t lines = 0;
+  for (size_t at = 0; at + 1 < size;) {
+    if (data[at] == '-' && data[at + 1] == '-' && ++lines > limits::kMaxBoundaryLines) {
+      g_byte_array_set_size(bytes, static_cast<guint>(at));
+      return;
+    }
+    const void* newline = std::memchr(data + at, '\n', size - at);
+    if (newline == nullptr) return;
+    at = static_cast<size_t>(static_cast<const char*>(newline) - data) + 1;
+  }
+}
+
 }  // namespace
 
 int ParseMessage(DataSource& source, ParsedMessage& out) {
@@ -257,6 +276,7 @@ int ParseMessage(DataSource& source, ParsedMessage& out) {
   ByteArrayHandle bytes;
   if (int result = ReadSource(source, bytes); result != kMimeOk) return result;
   CapHeaderFields(bytes.get());
+  CapBoundaryLines(bytes.get());
   // The stream takes over the array.
   GMimeHandle<GMimeStream> stream(g_mime_stream_mem_new_with_byte_array(bytes.release()));
 

@@ -57,7 +57,7 @@ std::string Decode(std::string_view encoded) {
 
 }  // namespace
 
-std::vector<UuencodedFile> ExtractUuencodedFiles(std::string& text) {
+std::vector<UuencodedFile> ExtractUuencodedFiles(std::string& text, size_t maxFiles) {
   std::vector<UuencodedFile> files;
   if (text.find("begin ") == std::string::npos) return files;
   std::string rest;  // the text without the files
@@ -66,7 +66,7 @@ std::vector<UuencodedFile> ExtractUuencodedFiles(std::string& text) {
     size_t lineEnd = text.find('\n', at);
     lineEnd = lineEnd == std::string::npos ? text.size() : lineEnd + 1;
     std::string_view line(text.data() + at, lineEnd - at);
-    std::string_view name = BeginName(line);
+    std::string_view name = files.size() < maxFiles ? BeginName(line) : std::string_view();
     if (name.empty()) {
       rest += line;
       at = lineEnd;

@@ -11,10 +11,10 @@ struct UuencodedFile {
   std::string bytes;
 };
 
-// Takes every uuencoded file (a "begin <mode> <name>" line, the encoded
-// lines, an "end" line) out of `text` and decodes it; the rest of the text
-// stays. A "begin" line without an "end" line, or with lines between that
-// cannot be uuencoded data, is left as text.
-std::vector<UuencodedFile> ExtractUuencodedFiles(std::string& text);
+// Takes the first `maxFiles` uuencoded files (a "begin <mode> <name>" line,
+// the encoded lines, an "end" line) out of `text` and decodes them; the rest
+// of the text stays. A "begin" line without an "end" line, or with lines
+// between that cannot be uuencoded data, is left as text.
+std::vector<UuencodedFile> ExtractUuencodedFiles(std::string& text, size_t maxFiles);
 
 }  // namespace corvane

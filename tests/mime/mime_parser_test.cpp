@@ -224,6 +224,25 @@ TEST(MimeParserTest, HostileSizesAreBoundedAndWhatFollowsIsStillRead) {
         "--b" + std::to_string(depth) + "\r\nContent-Type: application/pdf; name=d\r\n\r\nx\r\n";
     EXPECT_EQ(ParseText(deep).attachments.size(), found) << depth;
   }
+  // A thousand attachments are kept, uuencoded files counted in.
+  std::string parts = "Subject: parts\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n";
+  for (int i = 0; i < 999; ++i)
+    parts += "--b\r\nContent-Type: application/x; name=a" + std::to_string(i) + "\r\n\r\nx\r\n";
+  parts += "--b\r\n\r\n";
+  for (int i = 0; i < 2; ++i) parts += "begin 644 u" + std::to_string(i) + "\r\n`\r\nend\r\n";
+  ParsedMessage kept = ParseText(parts + "--b--\r\n");
+  ASSERT_EQ(kept.attachments.size(), limits::kMaxAttachments);
+  EXPECT_EQ(kept.attachments.back().name, "u0");
+  EXPECT_EQ(kept.textBody->text, "begin 644 u1\r\n`\r\nend");
+  // The message is read up to its ten-thousandth line starting with "--":
+  // the HTML part opens on that line, or on the one after.
+  for (size_t quoted : {limits::kMaxBoundaryLines - 2, limits::kMaxBoundaryLines - 1}) {
+    std::string lines =
+        "Subject: s\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n\r\n";
+    for (size_t i = 0; i < quoted; ++i) lines += "-- quoted\r\n";
+    lines += "--b\r\nContent-Type: text/html\r\n\r\n<p>late</p>\r\n--b--\r\n";
+    EXPECT_EQ(ParseText(lines).htmlBody.has_value(), quoted + 2 == limits::kMaxBoundaryLines);
+  }
 }
 
 // Base64 whose last read is one byte, which with the one before makes the
