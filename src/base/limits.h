@@ -68,6 +68,10 @@ inline constexpr size_t kMaxAccountFieldBytes = 255;
 // those past it are checked by the passes.
 inline constexpr size_t kMaxImapWatches = 1000;
 
+// Notification programs running at once; a further new-mail notice waits
+// for one of them to end.
+inline constexpr size_t kMaxNotifyPrograms = 32;
+
 // Accounts the new-mail check polls at once ([Pushmail] Workers is held to
 // it): each is a thread and a connection.
 inline constexpr int kMaxCheckWorkers = 256;

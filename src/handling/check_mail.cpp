@@ -235,7 +235,8 @@ void CheckMailThread::Announce(Account& account, const std::string& uid, const M
   if (!notifyProgram_) return;
   std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
   WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());
-  RunNotifyProgram(*notifyProgram_, mobile, from, date, subject);
+  notifyPrograms_.RunNotifyProgram(*notifyProgram_, mobile, from, date, subject,
+                                   [this] { return Stopping(); });
 }
 
 }  // namespace corvane

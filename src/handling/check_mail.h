@@ -11,6 +11,7 @@
 
 #include "accounts/account_registry.h"
 #include "handling/imap_watch.h"
+#include "handling/notify_program.h"
 #include "mime/mail_message.h"
 
 namespace corvane {
@@ -65,6 +66,7 @@ class CheckMailThread {
   const std::optional<std::string> notifyProgram_;
   const std::chrono::milliseconds interval_;
   const size_t workers_;
+  NotifyPrograms notifyPrograms_;
   ImapWatch watch_;
   std::mutex lock_;
   std::condition_variable wake_;

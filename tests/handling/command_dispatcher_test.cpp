@@ -224,6 +224,33 @@ TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell)
   }
 }
 
+// At most so many notification programs run at once: a further one waits
+// for a place, or for the check to stop.
+TEST(NotifyProgramsTest, AFurtherProgramWaitsForAPlaceOrTheStop) {
+  test::TempDir dir;
+  // Each marks its first argument, then waits for "release" (at most 10 s).
+  test::WriteFile(dir / "notify",
+                  "#!/bin/sh\ncd \"$(dirname \"$0\")\" && touch \"$1\"\n"
+                  "for i in $(seq 200); do [ -e release ] && exit; sleep 0.05; done\n");
+  std::filesystem::permissions(dir / "notify", std::filesystem::perms::owner_all);
+  NotifyPrograms programs(2);
+  auto run = [&](const char* mark, bool stopping) {  // else it stops after 10 s
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    return programs.RunNotifyProgram(dir / "notify", mark, "f", "d", "s", [stopping, until] {
+      return stopping || std::chrono::steady_clock::now() > until;
+    });
+  };
+  EXPECT_EQ(run("a", false) + run("b", false), 0);
+  EXPECT_EQ(run("c", true), ECANCELED);
+  test::WriteFile(dir / "release", "");
+  EXPECT_EQ(run("d", false), 0);
+  for (int i = 0; i < 1000 && !std::filesystem::exists(dir / "d"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(std::filesystem::exists(dir / "a") && std::filesystem::exists(dir / "d"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "c"));
+}
+
 // A pass checks accounts at once, up to its workers, but an account whose
 // polling is off holds back every account after it until it is switched on.
 TEST_F(CommandDispatcherTest, CheckMailPollsAtOnceButNeverPastAHeldAccount) {
