@@ -1,6 +1,7 @@
 #include "handling/check_mail.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <deque>
 #include <system_error>
 #include <vector>
@@ -235,8 +236,14 @@ void CheckMailThread::Announce(Account& account, const std::string& uid, const M
   if (!notifyProgram_) return;
   std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
   WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());
-  notifyPrograms_.RunNotifyProgram(*notifyProgram_, mobile, from, date, subject,
-                                   [this] { return Stopping(); });
+  // Programs that never end would hold every place: the wait ends with
+  // the check's deadline, and the notice is lost, logged.
+  if (notifyPrograms_.RunNotifyProgram(*notifyProgram_, mobile, from, date, subject, [this] {
+        return Stopping() || OperationDeadline::Expired();
+      }) == ECANCELED) {
+    WriteLog(kLogError, "Not run, %zu notification programs still running: %s\n",
+             limits::kMaxNotifyPrograms, commandLine.c_str());
+  }
 }
 
 }  // namespace corvane
