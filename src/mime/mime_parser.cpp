@@ -184,7 +184,8 @@ int ReadSource(DataSource& source, ByteArrayHandle& bytes) {
   for (;;) {
     g_byte_array_set_size(bytes.get(), used + kReadChunk + 1);  // Read adds a NUL
     int n = source.Read(reinterpret_cast<char*>(bytes->data + used), kReadChunk);
-    if (n < 0) {
+    // The array's length is 32 bits: a larger message is refused, not wrapped.
+    if (n < 0 || used > G_MAXUINT - 2 * (kReadChunk + 1)) {
       source.Close();
       return kMimeSourceReadFailed;
     }

@@ -400,12 +400,17 @@ int ImapClient::FetchMessage(uint32_t uid, DataSource& dest, int64_t maxBytes) {
   if (!IsConnected()) return OnError(kNetNoConnection);
   if (dest.Open(DataSource::kOpenWrite) != 0) return OnError(kNetFileOpenFailed);
   BodySink sink(dest);
-  bool found = false;
+  bool found = false, handed = false;
   ImapLiteralTap tap = [&](const std::vector<ImapItem>& list, uint64_t size) -> ImapLiteralSink* {
-    if (found || list.size() < 2 || !list[list.size() - 2].IsAtom("BODY[]")) return nullptr;
+    // One body only: a reply of many literals, each within the bound, must
+    // not add up past it.
+    if (found || handed || list.size() < 2 || !list[list.size() - 2].IsAtom("BODY[]")) {
+      return nullptr;
+    }
     // Another message's body (its UID said first) is no business of ours.
     if (uint32_t named = UidOf(list); named != 0 && named != uid) return nullptr;
     sink.tooLong = maxBytes > 0 && size > static_cast<uint64_t>(maxBytes);
+    handed = true;
     return &sink;
   };
   int result = Run(
@@ -417,7 +422,7 @@ int ImapClient::FetchMessage(uint32_t uid, DataSource& dest, int64_t maxBytes) {
         if (UidOf(*list) != uid) {
           // A body streamed before its UID said it was another's.
           if (sink.written && dest.Close() == 0) dest.Open(DataSource::kOpenWrite);
-          sink.written = false;
+          sink.written = handed = false;
           return;
         }
         if (body->kind == Kind::kQuoted) sink.Write(body->text.data(), body->text.size());

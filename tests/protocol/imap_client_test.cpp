@@ -266,6 +266,10 @@ TEST_F(ImapClientTest, EachCommandGivesItsValueOrCodeAndABrokenReplyClosesTheSes
       {body,
        S("* 2 FETCH (BODY[] {3}\r\nabc UID 4)\r\n* 3 FETCH (UID 5 BODY[] \"xy\")\r\nA3 OK\r\n"),
        "0|xy|3 open"},
+      {body,
+       S("* 3 FETCH (UID 5 BODY[] {12}\r\nHello\r\nWorld BODY[] {12}\r\nmore bytes!!)\r\nA3 "
+         "OK\r\n"),
+       "0|Hello\r\nWorld|3 open"},  // together past the bound: the first body only
       {body, S("* 3 FETCH (UID 5 BODY[] NIL)\r\nA3 OK\r\n"), "39||3 open"},
       {body, S("* 3 FETCH (UID 5 BODY[] {21}\r\n" + std::string(21, 'b')), "79||3 closed"},
       {body, S("A3 NO gone\r\n"), "48||3 open"},
