@@ -95,9 +95,10 @@ wxNode* wxRecordSet::FindNode(std::string_view name) const {
 wxNode* wxRecordSet::FindChild(const wxNode* node, std::string_view name) const {
   if (!node) return nullptr;
   if (wxNode* child = node->FindChildNamed(name)) return child;
+  // The first field that reads as the name, as a field look-up finds: names
+  // that differ only past a NUL must not make every step of a path try each.
   for (const wxNode::Field& field : node->Fields()) {
-    if (!ReadsLike(field.name, name) || !field.value) continue;
-    if (wxNode* named = FindNode(*field.value)) return named;
+    if (ReadsLike(field.name, name)) return field.value ? FindNode(*field.value) : nullptr;
   }
   return nullptr;
 }

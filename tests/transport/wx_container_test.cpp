@@ -332,10 +332,12 @@ TEST_F(QueryTest, ExpressionsReadWhatTheEntriesBuilt) {
        "n.Port=995|n.Empty|n.Login=bob|n.Lead=|n.Name=v|n.To[1]=a|n.To[2]=c|n.To|n.Edge[1]|"
        "n.Edge[2]=x|n.Edge[3]|n.Again[1]=4|n.Again[2]"},
       {Open("parent") + Open("kid", "aKid") + Field("Deep", "yes") + kClose + Open("kid2") +
-           kClose + Field("Link", "other") + Field("Dead", "nowhere") + kClose + Open("other") +
+           kClose + Field("Link", "other") + Field("Dead", "nowhere") +
+           Field("Both\0x"s, "nowhere") + Field("Both", "other") + kClose + Open("other") +
            Field("Where", "there") + kClose + Open("shared", "x") + Field("By", "name") + kClose +
            Open("first", "shared") + Field("By", "value") + kClose,
        "parent.kid.Deep=yes|parent.aKid.Deep=yes|parent.Link.Where=there|parent.Dead.Where|"
+       "parent.Both.Where|"
        "kid.Deep|shared.By=name|x.By=name"},
       {Open("r") + Field("Login", "bob") + Field("User", "r.Login") +
            Field("Host", "mail.example.org") + Field("Loop", "r.Loop") + Field("PingA", "r.PingB") +
