@@ -62,6 +62,9 @@ class CSocketWorker {
   // its last body byte and its answer being handed to the network, or the
   // connection is already closed.
   bool Settled() const;
+  // True while a request is between its last body byte and its answer,
+  // whether or not the client is still there.
+  bool Busy() const { return inRequest_.load(); }
 
   // A negative value or 0 means no limit. Wakes the send thread so that a
   // shorter limit takes effect at once.

@@ -240,11 +240,13 @@ void CSyncSocketServer::Admit(int socket, std::string peerAddress, uint16_t peer
   bool admitted = false;
   {
     std::lock_guard lock(lock_);
-    // A worker whose client has gone no longer counts, though it may still
-    // be waiting for its request to come back before it is reaped.
-    const auto open = std::count_if(workers_.begin(), workers_.end(),
-                                    [](const auto& worker) { return worker->SocketValid(); });
-    if (listenSocket_ >= 0 && open < maxWorkers_) {
+    // A worker whose client has gone counts while its request is still being
+    // handled, here or while it is reaped: a client that sends and hangs up,
+    // again and again, must not have more requests run than the limit.
+    const auto taken = std::count_if(workers_.begin(), workers_.end(), [](const auto& worker) {
+      return worker->SocketValid() || worker->Busy();
+    });
+    if (listenSocket_ >= 0 && taken + reaping_ < maxWorkers_) {
       admitted = true;
       idleTimeoutMs = idleTimeoutMs_;
     }
@@ -283,10 +285,15 @@ void CSyncSocketServer::HousekeepingLoop() {
         if (!(*it)->SocketValid()) closed.splice(closed.end(), workers_, it);
         it = next;
       }
+      reaping_ += static_cast<int32_t>(closed.size());
     }
     // Outside the lock: a worker may have to wait for its dispatcher to
     // return, and new connections must not wait for that.
-    for (auto& worker : closed) DeleteWorker(std::move(worker));
+    for (auto& worker : closed) {
+      DeleteWorker(std::move(worker));
+      std::lock_guard lock(lock_);
+      --reaping_;
+    }
   }
 }
 

@@ -86,8 +86,9 @@ class CSyncSocketServer {
   std::condition_variable stopCv_;
   bool stopSignalled_ = false;
 
-  mutable std::mutex lock_;  // guards workers_, maxWorkers_, idleTimeoutMs_
+  mutable std::mutex lock_;  // guards workers_, reaping_, maxWorkers_, idleTimeoutMs_
   std::list<std::unique_ptr<CSocketWorker>> workers_;
+  int32_t reaping_ = 0;  // closed workers taken out of workers_, not yet destroyed
   int32_t maxWorkers_ = kDefaultMaxWorkers;
   int32_t idleTimeoutMs_ = -1;
 

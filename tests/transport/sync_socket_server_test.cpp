@@ -200,8 +200,9 @@ TEST_F(SyncSocketServerTest, FramesAreFoundWhateverSurroundsThemAndAnswersKeepOr
   EXPECT_EQ(client->ReadAnswer(), "re:small");
 }
 
-// A connection beyond the limit is closed unserved; clients that leave, even
-// mid-frame or while the dispatcher holds their request, free their place.
+// A connection beyond the limit is closed unserved; clients that leave free
+// their place, even mid-frame, but one whose request is still being handled
+// only once it has returned.
 TEST_F(SyncSocketServerTest, ConnectionsBeyondTheLimitAreClosedUntilOneLeaves) {
   server_.SetMaxWorkers(2);
   StartServer();
@@ -221,9 +222,15 @@ TEST_F(SyncSocketServerTest, ConnectionsBeyondTheLimitAreClosedUntilOneLeaves) {
   EXPECT_TRUE(refused->ClosedByPeer());
   served.reset();
   held.reset();
-  EXPECT_TRUE(WaitFor([this] { return Connect()->RoundTrip("fresh") == "re:fresh"; }));
+  std::unique_ptr<Client> fresh;
+  EXPECT_TRUE(WaitFor([&] { return (fresh = Connect())->RoundTrip("fresh") == "re:fresh"; }));
+  ASSERT_TRUE(WorkersAre(1));  // the held one is being reaped
+  auto over = Connect();
+  over->Send(Request("over"));
+  EXPECT_TRUE(over->ClosedByPeer());
   Release();
-  EXPECT_EQ(Requests(), (Strings{"hello", "block", "fresh"}));
+  EXPECT_TRUE(WaitFor([this] { return Connect()->RoundTrip("after") == "re:after"; }));
+  EXPECT_EQ(Requests(), (Strings{"hello", "block", "fresh", "after"}));
   EXPECT_TRUE(WaitFor([this] { return server_.WorkerCount() <= 2; }));  // the leavers reaped
 }
 
