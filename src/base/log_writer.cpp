@@ -29,9 +29,16 @@ std::string FormatLine(const char* format, va_list args) {
   bool ends = !cut && !text.empty() && text.back() == '\n';
   if (ends) text.remove_suffix(1);
   std::string line;
-  line.reserve(text.size() + 8);
+  line.reserve(std::min(text.size() + 8, kMaxLineBytes + 4));
   for (unsigned char c : text) {
-    if ((c < 0x20 && c != '\t') || c == 0x7F) {
+    const bool control = (c < 0x20 && c != '\t') || c == 0x7F;
+    // The cut counts the escapes: control bytes must not make a line four
+    // times as long as its text.
+    if (line.size() + (control ? 4 : 1) > kMaxLineBytes - 1) {
+      cut = true;
+      break;
+    }
+    if (control) {
       char escaped[5];
       std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
       line += escaped;
@@ -40,7 +47,7 @@ std::string FormatLine(const char* format, va_list args) {
     }
   }
   if (cut) line += "...\n";
-  if (ends) line += '\n';
+  if (ends && !cut) line += '\n';
   return line;
 }
 

@@ -44,6 +44,12 @@ TEST_F(LogWriterTest, LinesCarryTimeAndMarkerAndOutsideTextCannotStartOrHideALin
       {std::string(8192 - 17, 'x'),
        std::string(8192 - 17, 'x') + "..."},                       // its line end is one past
       {std::string(8192 - 18, 'y'), std::string(8192 - 18, 'y')},  // the longest whole line
+      {std::string(8000, '\x01'),
+       [] {  // escapes count: 16 + 2043 * 4 bytes fit
+         std::string escaped;
+         for (int i = 0; i < 2043; ++i) escaped += "\\x01";
+         return escaped + "...";
+       }()},
   };
   auto log = Make(kLogInfo);
   std::string expected;
