@@ -22,9 +22,10 @@ void ConfigMail(RequestFields& request, AccountRegistry& registry, wxEntryLog& a
     WriteFailure(answer, "The parameter of request is not enough");
     return;
   }
-  // A line break or NUL would write forged rows into the profile file.
+  // A line break or NUL would write forged rows into the profile file, and
+  // a comma would move the fields of its row when the file is read again.
   for (const auto* field : {&pop3, &login, &password, &mobile}) {
-    if ((*field)->find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos ||
+    if ((*field)->find_first_of(std::string_view("\r\n\0,", 4)) != std::string::npos ||
         (*field)->size() > limits::kMaxAccountFieldBytes) {
       WriteFailure(answer, "Error config parameter");
       return;
