@@ -154,21 +154,25 @@ size_t AccountRegistry::Count() const {
   return insertionOrder_.size();
 }
 
-bool AccountRegistry::WriteProfile(const std::string& path) const {
+std::vector<std::string> AccountRegistry::Lines() const {
+  std::lock_guard guard(lock_);
+  std::vector<std::string> lines;
+  lines.reserve(insertionOrder_.size());
+  for (const std::string& key : insertionOrder_) {
+    const Account& account = *FindLocked(key)->account;
+    std::lock_guard accountGuard(account.lock);
+    lines.push_back(account.FormatLine());
+  }
+  return lines;
+}
+
+bool AccountRegistry::WriteProfile(const std::string& path, const std::vector<std::string>& lines) {
   // The profile holds passwords: only the gateway's user may read it.
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   if (fd < 0 || close(fd) != 0) return false;
   wxRecordFile file(path);
   file.SetEncipher(true);
-  for (const std::string& key : insertionOrder_) {
-    const Account& account = *FindLocked(key)->account;
-    std::string line;
-    {
-      std::lock_guard accountGuard(account.lock);
-      line = account.FormatLine();
-    }
-    if (!file.AppendRecord(line)) return false;
-  }
+  if (!file.AppendRecords(lines)) return false;
   // The new profile must be on disk before it replaces the old one.
   fd = open(path.c_str(), O_RDONLY);
   if (fd < 0) return false;
@@ -180,7 +184,8 @@ int AccountRegistry::Save() {
   const std::string backup = accountFile_ + ".bak";
   const std::string fresh = accountFile_ + ".new";
   const std::string nextBackup = backup + ".new";
-  std::lock_guard guard(lock_);
+  std::lock_guard saving(saveLock_);
+  const std::vector<std::string> lines = Lines();
   // Every step is checked, and until the new profile has replaced the old
   // one nothing but scratch files is touched: a full disk or a failing
   // rename leaves account.dat and its backup as they were.
@@ -192,11 +197,11 @@ int AccountRegistry::Save() {
     std::remove(nextBackup.c_str());
     return -1;
   };
-  if (!insertionOrder_.empty() && !WriteProfile(fresh)) return fail();
+  if (!lines.empty() && !WriteProfile(fresh, lines)) return fail();
   // The old profile becomes the backup only once the new one is in place.
   const bool hadProfile = Exists(accountFile_);
   if (hadProfile && link(accountFile_.c_str(), nextBackup.c_str()) != 0) return fail();
-  if (insertionOrder_.empty()) {
+  if (lines.empty()) {
     if (hadProfile && unlink(accountFile_.c_str()) != 0) return fail();
   } else if (rename(fresh.c_str(), accountFile_.c_str()) != 0) {
     return fail();

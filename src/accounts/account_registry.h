@@ -61,10 +61,15 @@ class AccountRegistry {
     std::shared_ptr<Account> account;
   };
   const Entry* FindLocked(std::string_view key) const;
-  bool WriteProfile(const std::string& path) const;
+  // The rows of every account, in insertion order.
+  std::vector<std::string> Lines() const;
+  static bool WriteProfile(const std::string& path, const std::vector<std::string>& lines);
 
   const std::string accountFile_;
   const std::string programDirectory_;
+  // Saves one at a time, each of the table as it was when it began; the
+  // table's own lock is not held while the file is written and synced.
+  std::mutex saveLock_;
   mutable std::mutex lock_;
   std::vector<std::vector<Entry>> buckets_;
   std::vector<std::string> insertionOrder_;

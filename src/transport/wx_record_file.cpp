@@ -34,20 +34,26 @@ long FileSize(std::FILE* file) {
 }  // namespace
 
 bool wxRecordFile::AppendRecord(std::string_view data) {
-  if (data.empty()) return false;
-  std::string body;
-  if (encipher_) {
-    body = wxCodec::Encode(data);
-    if (body.empty()) return false;
-  } else {
-    body.assign(data);
+  return AppendRecords({std::string(data)});
+}
+
+bool wxRecordFile::AppendRecords(const std::vector<std::string>& records) {
+  std::string bytes;
+  bool whole = true;
+  for (const std::string& data : records) {
+    const std::string body = encipher_ ? wxCodec::Encode(data) : data;
+    if (data.empty() || body.empty()) {
+      whole = false;
+      break;
+    }
+    bytes += CountedString::Encode(body);
   }
-  const std::string record = CountedString::Encode(body);
+  if (bytes.empty()) return whole && !records.empty();
   File file = Open(path_, "ab");
   if (!file) file = Open(path_, "wb");
   if (!file) return false;
-  const bool written = std::fwrite(record.data(), 1, record.size(), file.get()) == record.size();
-  return std::fclose(file.release()) == 0 && written;
+  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
+  return std::fclose(file.release()) == 0 && written && whole;
 }
 
 std::optional<std::string> wxRecordFile::ReadRecord() {

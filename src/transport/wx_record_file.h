@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace corvane {
 
@@ -18,6 +19,9 @@ class wxRecordFile {
   // Appends one record; nothing for empty data. False when the file cannot be
   // written.
   bool AppendRecord(std::string_view data);
+  // Appends these records with one opening of the file; false (with those
+  // before it written) at the first empty one or when the file cannot be written.
+  bool AppendRecords(const std::vector<std::string>& records);
   // The next record from the read offset, decoded; nothing at the end or when
   // the file cannot be opened.
   std::optional<std::string> ReadRecord();
