@@ -11,6 +11,7 @@
 #include "base/service_settings.h"
 #include "handling/notify_program.h"
 #include "mail/header_display.h"
+#include "mail/header_read_failures.h"
 #include "mail/known_uids.h"
 #include "mail/mail_date.h"
 #include "mail/mailbox_session.h"
@@ -205,13 +206,10 @@ void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session
   for (const std::string& uid : ids) {
     if (!known(uid)) unknown.push_back(uid);
   }
+  HeaderReadFailures failures(login);
   session.ReadHeaders(unknown,
                       [&](const std::string& uid, int read, std::optional<MailMessage>& message) {
-                        if (read != 0) {
-                          WriteLog(kLogError, "%s Load pop3 message error: %s\n", login.c_str(),
-                                   CNetError::GetErrorString(read));
-                          return;
-                        }
+                        if (read != 0) return failures.Add(read);
                         // Read by the client meanwhile, or the check is ending: not announced.
                         if (!message || Stopping() || known(uid)) return;
                         Announce(account, uid, *message, mobile);

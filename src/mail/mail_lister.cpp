@@ -11,6 +11,7 @@
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "mail/header_display.h"
+#include "mail/header_read_failures.h"
 #include "mail/known_uids.h"
 #include "mail/mail_date.h"
 #include "mail/text_shortening.h"
@@ -89,11 +90,11 @@ void MailLister::GatherItems(int subjectLength) {
     if (!cached.count(uid)) uncached.push_back(uid);
   }
   std::unordered_map<std::string, MailListItem> fetched;
+  HeaderReadFailures failures(*mailbox_.login);
   session_->ReadHeaders(
       uncached, [&](const std::string& uid, int result, std::optional<MailMessage>& message) {
         if (result != 0) {
-          WriteLog(kLogError, "%s Load pop3 message error: %s\n", mailbox_.login->c_str(),
-                   CNetError::GetErrorString(result));
+          failures.Add(result);
         } else if (message) {
           fetched.emplace(uid, BuildItem(uid, *message, subjectLength));
         }

@@ -121,6 +121,8 @@ TEST(GatewayWireTest, SigtermEndsHungRequestsAndLosesNoConfirmedAccount) {
 
 TEST(HostileMailServerTest, EachRequestEndsWithAnAnswerWithinItsBounds) {
   const std::vector<test::Step> quit = {test::Expect("QUIT\r\n"), test::Send("+OK\r\n")};
+  std::string ids;
+  for (int i = 1; i <= 1000; ++i) ids += std::to_string(i) + " id" + std::to_string(i) + "\r\n";
   const char* const kFailed = "Log = Connect pop3 server error";
   struct Case {
     const char* name;
@@ -139,6 +141,9 @@ TEST(HostileMailServerTest, EachRequestEndsWithAnAnswerWithinItsBounds) {
                {"a count of 2147483647",
                 OneMessagePop3(test::Join({{test::Send("+OK\r\nSubject: counted\r\n.\r\n")}, quit}),
                                2147483647),
+                "Status = success"},
+               {"a thousand ids, then gone",
+                test::Join({test::Pop3Login(), test::Pop3Listing(1000, ids), {test::Close()}}),
                 "Status = success"}};
   GatewayProcess gateway("log_level=debug\npop3_timeout=60\noperation_timeout=2\n");
   ASSERT_TRUE(gateway.Start());
@@ -151,6 +156,9 @@ TEST(HostileMailServerTest, EachRequestEndsWithAnAnswerWithinItsBounds) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << c.name;
   }
   EXPECT_GE(Count(gateway.LogText(), "ListMail did not end within 2 seconds"), 1u);
+  // A line for the first header that could not be read, one for the rest.
+  EXPECT_LT(Count(gateway.LogText(), "Load pop3 message error: "), std::size(cases));
+  EXPECT_EQ(Count(gateway.LogText(), "error for 999 more messages"), 1u);
 }
 
 }  // namespace
