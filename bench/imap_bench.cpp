@@ -46,7 +46,7 @@ std::shared_ptr<corvane::Account> AccountOf(const Pop3ServerEnv::Account& mailbo
 
 size_t KnownCount(corvane::Account& account) {
   std::lock_guard guard(account.lock);
-  return account.knownUids.size();
+  return account.knownUids.Size();
 }
 
 // Delivers a message into `maildir` as the user mail, the way an MTA does.

@@ -52,7 +52,7 @@ void Account::ParseLine(std::string_view line, Account& account) {
   account.mobile = tokens[4];
   account.polling = ReadDecimal(tokens[5]);
   account.knownUidsLoaded = false;
-  account.knownUids.clear();
+  account.knownUids = KnownIds();
 }
 
 }  // namespace corvane

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "accounts/known_ids.h"
+
 namespace corvane {
 
 // The key an account is found under: the login when it holds an at sign,
@@ -36,7 +38,7 @@ struct Account {
   std::string mailListPath;
 
   // Ids already seen on the server, loaded from "mail.list" on first use.
-  std::vector<std::string> knownUids;
+  KnownIds knownUids;
   bool knownUidsLoaded = false;
 
   // Guards the account's cache files, its id list and its changeable fields.

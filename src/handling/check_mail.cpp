@@ -196,15 +196,23 @@ void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session
     login = account.login;
   }
   std::vector<std::string> ids, unknown;
-  session.ListIds(ids);
+  const bool listed = session.ListIds(ids) == 0;
   auto known = [&account](const std::string& uid) {
     std::lock_guard guard(account.lock);
-    EnsureKnownUidsLoaded(account);
-    return std::find(account.knownUids.begin(), account.knownUids.end(), uid) !=
-           account.knownUids.end();
+    return account.knownUids.Contains(uid);
   };
-  for (const std::string& uid : ids) {
-    if (!known(uid)) unknown.push_back(uid);
+  {
+    // Ids gone from the server leave the list (when it listed some, and all
+    // it meant to): a server that invents new ids on every pass must not grow it.
+    std::lock_guard guard(account.lock);
+    EnsureKnownUidsLoaded(account);
+    if (listed && !ids.empty() &&
+        PruneKnownUids(account.knownUids, ids, account.cacheDirectory) > 0) {
+      SaveKnownUids(account.mailListPath, account.knownUids);
+    }
+    for (const std::string& uid : ids) {
+      if (!account.knownUids.Contains(uid)) unknown.push_back(uid);
+    }
   }
   HeaderReadFailures failures(login);
   session.ReadHeaders(unknown,
@@ -228,8 +236,7 @@ void CheckMailThread::Announce(Account& account, const std::string& uid, const M
     // On disk before the program runs: a message is announced at most
     // once, even when the program fails or the gateway dies right after.
     std::lock_guard guard(account.lock);
-    account.knownUids.push_back(uid);
-    SaveKnownUids(account.mailListPath, account.knownUids);
+    if (account.knownUids.Add(uid)) AppendKnownUid(account.mailListPath, uid);
   }
   if (!notifyProgram_) return;
   std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);

@@ -8,14 +8,17 @@
 #include <unordered_set>
 
 #include "base/ascii_text.h"
+#include "base/limits.h"
 #include "base/process_log.h"
 #include "base/program_paths.h"
 #include "mail/cached_message.h"
+#include "protocol/pop3_client.h"
 
 namespace corvane {
 namespace {
 
-constexpr size_t kMaxListBytes = 65534;
+// Every id a mailbox may hold, at the longest an id takes with its comma.
+constexpr size_t kMaxListBytes = limits::kMaxMessages * (Pop3Client::kMaxUidLength + 1);
 constexpr char kListFileName[] = "mail.list";
 
 struct FileCloser {
@@ -45,7 +48,7 @@ void UpdateKnownUids(const AccountRegistry& registry, const std::string& key,
     }
   }
   std::string path = cacheDirectory + kListFileName;
-  std::vector<std::string> known = ReadKnownUids(path);
+  KnownIds known(ReadKnownUids(path));
   if (change(known, cacheDirectory) > 0) SaveKnownUids(path, known);
 }
 
@@ -55,8 +58,12 @@ std::vector<std::string> ReadKnownUids(const std::string& path) {
   std::vector<std::string> ids;
   FilePointer file(std::fopen(path.c_str(), "r"));
   if (!file) return ids;
-  std::string text(kMaxListBytes, '\0');
-  text.resize(std::fread(text.data(), 1, kMaxListBytes, file.get()));
+  std::string text;
+  char piece[16384];
+  for (size_t n;
+       text.size() < kMaxListBytes && (n = std::fread(piece, 1, sizeof piece, file.get())) > 0;) {
+    text.append(piece, std::min(n, kMaxListBytes - text.size()));
+  }
   // The list is one C string: a zero byte ends it.
   text.resize(UpToNul(text).size());
   size_t start = 0;
@@ -69,8 +76,9 @@ std::vector<std::string> ReadKnownUids(const std::string& path) {
   return ids;
 }
 
-void SaveKnownUids(const std::string& path, const std::vector<std::string>& ids) {
+void SaveKnownUids(const std::string& path, const KnownIds& known) {
   std::remove(path.c_str());
+  const std::vector<std::string>& ids = known.Ids();
   if (ids.empty()) return;
   // A registered account's directory is made when it first has ids to keep.
   EnsureDirectory(path.substr(0, path.find_last_of('/') + 1));
@@ -82,50 +90,45 @@ void SaveKnownUids(const std::string& path, const std::vector<std::string>& ids)
   }
 }
 
-int PruneKnownUids(std::vector<std::string>& known, const std::vector<std::string>& serverIds,
+void AppendKnownUid(const std::string& path, const std::string& id) {
+  EnsureDirectory(path.substr(0, path.find_last_of('/') + 1));
+  FilePointer file(std::fopen(path.c_str(), "a"));
+  if (!file) return;
+  std::fseek(file.get(), 0, SEEK_END);
+  if (std::ftell(file.get()) > 0) std::fputc(',', file.get());
+  std::fwrite(id.data(), 1, id.size(), file.get());
+}
+
+int PruneKnownUids(KnownIds& known, const std::vector<std::string>& serverIds,
                    const std::string& cacheDirectory) {
   std::unordered_set<std::string_view> onServer(serverIds.begin(), serverIds.end());
-  int removed = 0;
-  std::vector<std::string> kept;
-  kept.reserve(known.size());
-  for (std::string& id : known) {
-    if (onServer.count(id) > 0) {
-      kept.push_back(std::move(id));
-      continue;
-    }
-    ++removed;
+  return static_cast<int>(known.RemoveIf([&](const std::string& id) {
+    if (onServer.count(id) > 0) return false;
     std::string cached = CachedMessagePath(cacheDirectory, id);
     if (FileExists(cached)) {
       WriteLog(kLogDebug, "Delete cache message file: %s\n", cached.c_str());
       std::remove(cached.c_str());
     }
-  }
-  known = std::move(kept);
-  return removed;
+    return true;
+  }));
 }
 
-int AddKnownUids(std::vector<std::string>& known, const std::vector<std::string>& ids) {
-  std::unordered_set<std::string> present(known.begin(), known.end());
+int AddKnownUids(KnownIds& known, const std::vector<std::string>& ids) {
   int added = 0;
-  for (const std::string& id : ids) {
-    if (present.insert(id).second) {
-      known.push_back(id);
-      ++added;
-    }
-  }
+  for (const std::string& id : ids) added += known.Add(id) ? 1 : 0;
   return added;
 }
 
 void EnsureKnownUidsLoaded(Account& account) {
   if (account.knownUidsLoaded) return;
-  account.knownUids = ReadKnownUids(account.mailListPath);
+  account.knownUids = KnownIds(ReadKnownUids(account.mailListPath));
   account.knownUidsLoaded = true;
 }
 
 void SyncKnownUids(const AccountRegistry& registry, const std::string& key,
                    const std::string& cacheDirectory, const std::vector<std::string>& serverIds) {
   UpdateKnownUids(registry, key, cacheDirectory,
-                  [&](std::vector<std::string>& known, const std::string& directory) {
+                  [&](KnownIds& known, const std::string& directory) {
                     int pruned = PruneKnownUids(known, serverIds, directory);
                     return pruned + AddKnownUids(known, serverIds);
                   });
@@ -134,9 +137,7 @@ void SyncKnownUids(const AccountRegistry& registry, const std::string& key,
 void RecordKnownUid(const AccountRegistry& registry, const std::string& key,
                     const std::string& cacheDirectory, const std::string& uid) {
   UpdateKnownUids(registry, key, cacheDirectory,
-                  [&](std::vector<std::string>& known, const std::string&) {
-                    return AddKnownUids(known, {uid});
-                  });
+                  [&](KnownIds& known, const std::string&) { return AddKnownUids(known, {uid}); });
 }
 
 }  // namespace corvane

@@ -198,7 +198,7 @@ TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell)
       Config("append", Account("127.0.0.1,joe,secret,139," + std::to_string(pop3.port())), "start"),
       "ConfigMail/success/");
   auto joe = g_accountRegistry.load()->Find("joe@127.0.0.1");
-  joe->knownUids = {"seen"};
+  joe->knownUids = KnownIds({"seen"});
   joe->knownUidsLoaded = true;
   test::WriteFile(dir_ / "notify",
                   "#!/bin/sh\nprintf '%s|' \"$@\" > \"$0.part\" && mv \"$0.part\" \"$0.out\"\n");
@@ -214,7 +214,8 @@ TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell)
   EXPECT_EQ(test::ReadFile(dir_ / "notify.out"),
             "139|ann@mail.org|2023-11-14 22:13|" + subject + "|");
   EXPECT_FALSE(std::filesystem::exists("pwned"));
-  EXPECT_EQ(joe->knownUids, (std::vector<std::string>{"seen", "new"}));
+  // The second pass's server no longer lists "seen": it leaves the list.
+  EXPECT_EQ(joe->knownUids.Ids(), (std::vector<std::string>{"new"}));
   EXPECT_NE(test::ReadFile(joe->mailListPath).find("new"), std::string::npos);  // on disk
   // The logged command line is cut to 4095 bytes.
   EXPECT_EQ(NotifyCommandLine("/n", "1", "a", "d", "s"), "/n \"1\" \"a\" \"d\" \"s\"");

@@ -216,26 +216,30 @@ TEST_F(MailboxTest, ACutShortCacheGivesHitsBeforeTheCutAndKnownIdsStayBoundedAnd
             "2\r\na\r\n1262651400\r\n" + rowA + "\r\nb\r\n1262680200\r\n" + rowB + "\r\n");
   EXPECT_EQ(test::ReadFile(CachePath(peer, "mail.list")), "a,b");
   EXPECT_FALSE(fs::exists(CachePath(peer, "gone.txt")));
-  // The known-id file stops at 65534 bytes; pruning deletes nothing outside the cache.
+  // The known-id file is read as far as 100,000 ids of the longest kind go,
+  // ids are appended one by one, and pruning deletes nothing outside the cache.
   test::TempDir dir;
   const std::string path = dir / "mail.list";
-  // 6553 ids of nine bytes and a comma fill 65530 bytes; the next is cut after four.
   std::string text;
-  for (int i = 0; i < 6554; ++i) text += "id" + std::to_string(1000000 + i) + ",";
-  test::WriteFile(path, text);
+  for (int i = 0; i < 100000; ++i) text += std::string(63, 'i') + std::to_string(100000 + i) + ",";
+  test::WriteFile(path, text + "beyond");
   const Ids ids = ReadKnownUids(path);
-  EXPECT_EQ(std::pair(ids.size(), ids.back()), std::pair(6554ul, std::string("id10")));
+  EXPECT_EQ(std::pair(ids.size(), ids.back()),
+            std::pair(100000ul, std::string(63, 'i') + "199999"));
   test::WriteFile(path, std::string(",a,,b,\0c", 8));
   EXPECT_EQ(ReadKnownUids(path), (Ids{"a", "b"}));
+  fs::remove(path);
+  for (const char* id : {"x", "y"}) AppendKnownUid(path, id);
+  EXPECT_EQ(test::ReadFile(path), "x,y");
   for (const char* name : {"gone.txt", "kept.txt", "outside.txt"}) test::WriteFile(dir / name, "x");
-  Ids known = {"gone", "kept", "also-gone"}, hostile = {"../outside"};
+  KnownIds known({"gone", "kept", "also-gone"}), hostile({"../outside"});
   EXPECT_EQ(PruneKnownUids(known, {"new", "kept"}, dir.path() + "/") +
                 PruneKnownUids(hostile, {}, dir / "cache/"),
             3);
   EXPECT_TRUE(!fs::exists(dir / "gone.txt") && fs::exists(dir / "kept.txt") &&
               fs::exists(dir / "outside.txt"));
   EXPECT_EQ(AddKnownUids(known, {"new", "kept", "later", "new"}), 2);
-  EXPECT_EQ(known, (Ids{"kept", "new", "later"}));
+  EXPECT_EQ(known.Ids(), (Ids{"kept", "new", "later"}));
   EXPECT_EQ(CachedMessagePath("/c/", "../..\\x\r\n"), "/c/..%2F..%5Cx%0D%0A.txt");
 }
 
