@@ -30,4 +30,19 @@ std::string_view UpToNul(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }
 
+bool AppendEscaped(std::string& out, std::string_view text, size_t limit) {
+  for (unsigned char c : text) {
+    const bool control = (c < 0x20 && c != '\t') || c == 0x7F;
+    if (out.size() + (control ? 4 : 1) > limit) return false;
+    if (control) {
+      out += "\\x";
+      out += "0123456789ABCDEF"[c >> 4];
+      out += "0123456789ABCDEF"[c & 15];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return true;
+}
+
 }  // namespace corvane

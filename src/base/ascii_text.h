@@ -18,5 +18,9 @@ bool StartsWithText(std::string_view text, std::string_view prefix);
 void LowerAscii(std::string& text);
 // `text` up to its first NUL byte: what a C string of it reads as.
 std::string_view UpToNul(std::string_view text);
+// Appends `text` to `out` with every control byte but TAB written as "\xHH",
+// so that outside text can neither start a line nor move a terminal, while
+// `out` stays within `limit` bytes; false when not all of it fitted.
+bool AppendEscaped(std::string& out, std::string_view text, size_t limit = std::string::npos);
 
 }  // namespace corvane

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/ascii_text.h"
+
 namespace corvane {
 namespace {
 
@@ -30,22 +32,9 @@ std::string FormatLine(const char* format, va_list args) {
   if (ends) text.remove_suffix(1);
   std::string line;
   line.reserve(std::min(text.size() + 8, kMaxLineBytes + 4));
-  for (unsigned char c : text) {
-    const bool control = (c < 0x20 && c != '\t') || c == 0x7F;
-    // The cut counts the escapes: control bytes must not make a line four
-    // times as long as its text.
-    if (line.size() + (control ? 4 : 1) > kMaxLineBytes - 1) {
-      cut = true;
-      break;
-    }
-    if (control) {
-      char escaped[5];
-      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
-      line += escaped;
-    } else {
-      line += static_cast<char>(c);
-    }
-  }
+  // The cut counts the escapes: control bytes must not make a line four
+  // times as long as its text.
+  if (!AppendEscaped(line, text, kMaxLineBytes - 1)) cut = true;
   if (cut) line += "...\n";
   if (ends && !cut) line += '\n';
   return line;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "accounts/process_registry.h"
+#include "base/ascii_text.h"
 #include "base/process_log.h"
 #include "base/service_settings.h"
 #include "handling/notify_program.h"
@@ -228,8 +229,13 @@ void CheckMailThread::Announce(Account& account, const std::string& uid, const M
                                const std::string& mobile) {
   std::string from = DisplayHeaderOf(message, kFieldFrom, kNoticeCharset).value_or("");
   std::string subject = DisplayHeaderOf(message, kFieldSubject, kNoticeCharset).value_or("");
-  Console("From: %s\r\n", from.c_str());
-  Console("Subject: %s\r\n", subject.c_str());
+  // The console may be a terminal or the journal: a mail's text is shown escaped.
+  std::string shown;
+  AppendEscaped(shown, from);
+  Console("From: %s\r\n", shown.c_str());
+  shown.clear();
+  AppendEscaped(shown, subject);
+  Console("Subject: %s\r\n", shown.c_str());
   std::string date = FormatLocalMinute(ParseMailDate(message.JoinedHeaderValues(kFieldDate)));
   Console("Date: %s\r\n", date.c_str());
   {

@@ -179,7 +179,7 @@ TEST_F(CommandDispatcherTest, AChangeThatCannotBeSavedIsUndoneAndAnswersFail) {
 // notification program with sender and subject as plain arguments: no shell
 // ever reads what a mail said.
 TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell) {
-  const std::string subject = "$(touch pwned) \"quoted\" `id`;";
+  const std::string subject = "$(touch pwned) \"quoted\" `id`;\x1B[2J";
   test::ScopedEnv utc("TZ", "UTC");  // the notice gives the local minute
   tzset();
   const std::vector<test::Step> quit = {test::Expect("QUIT\r\n"), test::Send("+OK\r\n")};
@@ -205,8 +205,13 @@ TEST_F(CommandDispatcherTest, CheckMailAnnouncesEachNewMessageOnceWithoutAShell)
   std::filesystem::permissions(dir_ / "notify", std::filesystem::perms::owner_all);
 
   CheckMailThread check(dir_ / "notify", std::chrono::hours(1));
+  testing::internal::CaptureStdout();
   check.CheckAllAccounts(*g_accountRegistry.load());
   check.CheckAllAccounts(*g_accountRegistry.load());
+  // The console shows the subject escaped; the program gets it as it is.
+  EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                "Subject: $(touch pwned) \"quoted\" `id`;\\x1B[2J\r\n"),
+            std::string::npos);
   EXPECT_TRUE(pop3.Finish()) << pop3.Errors();
   for (int i = 0; i < 1000 && !std::filesystem::exists(dir_ / "notify.out"); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
