@@ -24,6 +24,14 @@ inline constexpr size_t kMaxFieldBytes = 64 * 1024;
 // looked at. Past them the message is read as if cut short there.
 inline constexpr size_t kMaxAttachments = 1000;
 inline constexpr size_t kMaxBoundaryLines = 10000;
+// Header fields and their bytes kept of one message, in its own header, its
+// parts' and its embedded messages' together: the library builds every
+// header before any is looked at, some hundreds of bytes for each field and
+// each parameter however short. Past them the message is read as if cut
+// short there. Mail with a thousand attachments and a full own header stays
+// below them.
+inline constexpr size_t kMaxMessageHeaderFields = 10000;
+inline constexpr size_t kMaxMessageHeaderBytes = 1024 * 1024;
 // Bytes of a listing row's sender and of its subject before they are cut
 // (with "..." added): a listing holds up to kMaxMessages rows.
 inline constexpr int kMaxListFieldBytes = 512;

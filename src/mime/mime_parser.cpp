@@ -12,6 +12,7 @@
 #include "mime/content_params.h"
 #include "mime/encoded_words.h"
 #include "mime/gmime_handle.h"
+#include "mime/header_blocks.h"
 #include "mime/part_decoder.h"
 #include "mime/uuencoded_files.h"
 
@@ -21,8 +22,6 @@ namespace {
 constexpr int kReadChunk = 64 * 1024;
 // Multiparts nested deeper than this are hostile; their contents are left out.
 constexpr int kMaxDepth = 64;
-using limits::kMaxFieldBytes;
-using limits::kMaxHeaderFields;
 
 // The header value as the message has it, on one line: line breaks of the
 // folding removed (the whitespace after them stays), and the blanks around
@@ -197,78 +196,6 @@ int ReadSource(DataSource& source, ByteArrayHandle& bytes) {
   return used == 0 ? kMimeMalformed : kMimeOk;
 }
 
-// True when the line starts a header field: a name, then a colon.
-bool StartsField(const char* line, size_t length) {
-  size_t i = 0;
-  while (i < length && line[i] > ' ' && line[i] < 0x7F && line[i] != ':') ++i;
-  size_t nameEnd = i;
-  while (i < length && (line[i] == ' ' || line[i] == '\t')) ++i;
-  return nameEnd > 0 && i < length && line[i] == ':';
-}
-
-// Cuts each field of the message's own header to kMaxFieldBytes, its
-// continuation lines included, and drops the fields after the first
-// kMaxHeaderFields. No mail needs more (the mail operations read at most 4095
-// bytes of a field), and the library's header reader grows its buffer in
-// small steps, which a hostile field of megabytes makes slow, and keeps
-// hundreds of bytes for each field, however short.
-void CapHeaderFields(GByteArray* bytes) {
-  char* data = reinterpret_cast<char*>(bytes->data);
-  const size_t size = bytes->len;
-  size_t read = 0;
-  size_t write = 0;
-  size_t field = 0;  // bytes of the current field kept so far
-  size_t fields = 0;
-  bool inField = false;
-  bool changed = false;
-  while (read < size) {
-    const char* newline = static_cast<const char*>(std::memchr(data + read, '\n', size - read));
-    size_t lineEnd = newline ? static_cast<size_t>(newline - data) + 1 : size;
-    size_t length = lineEnd - read;
-    if (data[read] == '\n' || (data[read] == '\r' && length <= 2)) break;  // end of the header
-    bool continuation = data[read] == ' ' || data[read] == '\t';
-    if (!continuation) {
-      inField = StartsField(data + read, length);
-      field = 0;
-      if (!inField && read == 0) return;  // not a message header at all
-      if (inField) ++fields;
-    }
-    size_t keep = length;
-    if (inField && fields > kMaxHeaderFields) {
-      keep = 0;
-      changed = true;
-    } else if (inField && field + length > kMaxFieldBytes) {
-      keep = field >= kMaxFieldBytes ? 0 : std::min(kMaxFieldBytes - field, length - 1);
-      changed = true;
-    }
-    std::memmove(data + write, data + read, keep);
-    write += keep;
-    field += keep;
-    if (keep > 0 && keep < length) data[write++] = '\n';  // the cut line still ends
-    read = lineEnd;
-  }
-  if (!changed) return;
-  std::memmove(data + write, data + read, size - read);
-  g_byte_array_set_size(bytes, static_cast<guint>(write + size - read));
-}
-
-// Cuts the message before the first line starting with "--" past
-// kMaxBoundaryLines: what follows is not read, as if the message ended there.
-void CapBoundaryLines(GByteArray* bytes) {
-  const char* data = reinterpret_cast<const char*>(bytes->data);
-  const size_t size = bytes->len;
-  size_t lines = 0;
-  for (size_t at = 0; at + 1 < size;) {
-    if (data[at] == '-' && data[at + 1] == '-' && ++lines > limits::kMaxBoundaryLines) {
-      g_byte_array_set_size(bytes, static_cast<guint>(at));
-      return;
-    }
-    const void* newline = std::memchr(data + at, '\n', size - at);
-    if (newline == nullptr) return;
-    at = static_cast<size_t>(static_cast<const char*>(newline) - data) + 1;
-  }
-}
-
 }  // namespace
 
 int ParseMessage(DataSource& source, ParsedMessage& out) {
@@ -276,8 +203,7 @@ int ParseMessage(DataSource& source, ParsedMessage& out) {
   out = ParsedMessage();
   ByteArrayHandle bytes;
   if (int result = ReadSource(source, bytes); result != kMimeOk) return result;
-  CapHeaderFields(bytes.get());
-  CapBoundaryLines(bytes.get());
+  CapHeaderBlocks(bytes.get());
   // The stream takes over the array.
   GMimeHandle<GMimeStream> stream(g_mime_stream_mem_new_with_byte_array(bytes.release()));
 

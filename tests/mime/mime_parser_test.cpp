@@ -58,6 +58,17 @@ std::string Saved(const MessageAttachment& attachment) {
   return bytes;
 }
 
+// All that a message reads as: its fields, its text body, and each
+// attachment's name and saved bytes.
+std::string Everything(const ParsedMessage& message) {
+  std::string all;
+  for (const HeaderEntry& entry : message.headers) all += entry.name + entry.data + "\n";
+  all += message.textBody.value_or(BodyText{}).text;
+  for (const MessageAttachment& attachment : message.attachments)
+    all += "\n" + attachment.name.value_or("") + "\n" + Saved(attachment);
+  return all;
+}
+
 std::string Field(const ParsedMessage& message, const std::string& name) {
   for (const HeaderEntry& entry : message.headers)
     if (entry.name == name) return entry.data;
@@ -206,8 +217,8 @@ TEST(MimeParserTest, HostileSizesAreBoundedAndWhatFollowsIsStillRead) {
   EXPECT_EQ(subject, std::string(subject.size(), 'x'));
   EXPECT_EQ(Field(field, "To:"), "b@example.com");
   EXPECT_EQ(field.textBody->text, "body");
-  // Endless fields: the first thousand are kept.
-  std::string many = "Subject: many\r\n";
+  // Endless fields: the first thousand are kept, behind a mailbox's "From " line too.
+  std::string many = "From a@example.com Mon Jan  1 00:00:00 2024\r\nSubject: many\r\n";
   for (int i = 0; i < 300000; ++i) many += "X-A: b\r\n c\r\n";
   ParsedMessage fields = ParseText(many + "To: late@example.com\r\n\r\nbody");
   EXPECT_EQ(fields.headers.size(), limits::kMaxHeaderFields);
@@ -242,6 +253,84 @@ TEST(MimeParserTest, HostileSizesAreBoundedAndWhatFollowsIsStillRead) {
     for (size_t i = 0; i < quoted; ++i) lines += "-- quoted\r\n";
     lines += "--b\r\nContent-Type: text/html\r\n\r\n<p>late</p>\r\n--b--\r\n";
     EXPECT_EQ(ParseText(lines).htmlBody.has_value(), quoted + 2 == limits::kMaxBoundaryLines);
+  }
+  // Every header the library builds is bounded: a part's, an embedded
+  // message's (lines that are no field do not end it), one a digest's part
+  // leads to by default; and all of them together, past which the message
+  // is cut. Text after a typed part header, or an untyped one outside a
+  // digest, stays whole.
+  auto numbered = [](int count, const std::string& value) {
+    std::string text;
+    for (int i = 1; i <= count; ++i) text += "X-" + std::to_string(i) + ": " + value + "\r\n";
+    return text;
+  };
+  auto named = [](size_t count, const std::string& header) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i)
+      text += "--b\r\nContent-Type: application/x; name=part" + std::to_string(i) + ".bin\r\n" +
+              header + "\r\nx\r\n";
+    return text;
+  };
+  const int over = 3 * limits::kMaxHeaderFields;
+  std::string keyLines;
+  for (int i = 0; i < over; ++i) keyLines += "Key: value " + std::to_string(i) + "\r\n";
+  std::string dispositions = "Content-Disposition: attachment";
+  while (dispositions.size() < 4 * limits::kMaxFieldBytes) dispositions += ";a=b";
+  const std::string mixed = "Subject: outer\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n";
+  const std::string pad = "X-Pad: " + std::string(4000, 'p') + "\r\n";
+  const size_t padded = limits::kMaxMessageHeaderBytes / pad.size();  // a little past the cut
+  const size_t full = limits::kMaxMessageHeaderFields / limits::kMaxHeaderFields;
+  auto part = [](size_t i) { return "part" + std::to_string(i) + ".bin"; };
+  struct Case {
+    const char* what;
+    std::string message, text;  // text "-": no text body
+    std::vector<std::string> kept, lost;
+  };
+  const Case cases[] = {
+      {"embedded header",
+       mixed + "--b\r\nContent-Type: text/plain\r\n\r\n" + keyLines + "\r\n--b\r\n" +
+           "Content-Type: application/pdf; name=a.pdf\r\n\r\npdf\r\n--b\r\n"
+           "Content-Type: message/rfc822\r\n\r\nno field here\r\n" +
+           numbered(over, "v") + "\r\ninner body\r\n--b--\r\n",
+       keyLines,
+       {"Subject:outer", "a.pdf", "X-1000: v", "inner body"},
+       {"X-1001:"}},
+      {"untyped part outside a digest",
+       mixed + "--b\r\n\r\n" + keyLines + "\r\n--b--\r\n",
+       keyLines,
+       {},
+       {}},
+      {"digest part of no plain type",
+       "Subject: outer\r\nContent-Type: multipart/digest; boundary=b\r\n\r\n--b\r\n"
+       "Content-Type: garbage\r\n\r\n" +
+           numbered(over, "v") + "\r\ninner body\r\n--b--\r\n",
+       "-",
+       {"X-1000: v", "inner body"},
+       {"X-1001:"}},
+      {"parameter list",
+       mixed + "--b\r\nContent-Type: application/x\r\n" + dispositions +
+           "; filename=late.bin\r\n\r\nx\r\n" + named(1, ""),
+       "-",
+       {"part0.bin"},
+       {"late.bin"}},
+      {"header bytes of the message",
+       mixed + named(padded + 10, pad),
+       "-",
+       {part(0), part(padded - 10)},
+       {part(padded + 9)}},
+      {"fields of the message",
+       mixed + named(full + 1, numbered(limits::kMaxHeaderFields - 1, "")),
+       "-",
+       {part(0), part(full - 2)},
+       {part(full)}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ParsedMessage message = ParseText(c.message);
+    EXPECT_TRUE(message.textBody.value_or(BodyText{"-", ""}).text == c.text);
+    const std::string all = Everything(message);
+    for (const std::string& text : c.kept) EXPECT_NE(all.find(text), std::string::npos) << text;
+    for (const std::string& text : c.lost) EXPECT_EQ(all.find(text), std::string::npos) << text;
   }
 }
 
