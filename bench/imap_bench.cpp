@@ -25,6 +25,7 @@
 #include "accounts/process_registry.h"
 #include "handling/check_mail.h"
 #include "handling/imap_watch.h"
+#include "mail/known_uids.h"
 #include "mail_listing.h"
 
 namespace {
@@ -44,9 +45,10 @@ std::shared_ptr<corvane::Account> AccountOf(const Pop3ServerEnv::Account& mailbo
   return account;
 }
 
+// The ids the check has recorded, as it keeps them between checks.
 size_t KnownCount(corvane::Account& account) {
   std::lock_guard guard(account.lock);
-  return account.knownUids.Size();
+  return corvane::ReadKnownUids(account.mailListPath).size();
 }
 
 // Delivers a message into `maildir` as the user mail, the way an MTA does.

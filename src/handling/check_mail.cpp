@@ -163,10 +163,6 @@ void CheckMailThread::HandOutAccounts(
       if (watch_.Owns(key)) break;  // watched as mail arrives
       if (PollingOn(*account)) {
         WriteLog(kLogDebug, "Check mail account: %s\n", key.c_str());
-        {
-          std::lock_guard guard(account->lock);
-          EnsureKnownUidsLoaded(*account);
-        }
         handOut(std::move(account));
         break;
       }
@@ -223,6 +219,11 @@ void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session
                         if (!message || Stopping() || known(uid)) return;
                         Announce(account, uid, *message, mobile);
                       });
+  // Read again from mail.list at the next check: 10,000 accounts must not
+  // each hold up to 100,000 ids in between.
+  std::lock_guard guard(account.lock);
+  account.knownUids = KnownIds();
+  account.knownUidsLoaded = false;
 }
 
 void CheckMailThread::Announce(Account& account, const std::string& uid, const MailMessage& message,
