@@ -194,10 +194,6 @@ void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session
   }
   std::vector<std::string> ids, unknown;
   const bool listed = session.ListIds(ids) == 0;
-  auto known = [&account](const std::string& uid) {
-    std::lock_guard guard(account.lock);
-    return account.knownUids.Contains(uid);
-  };
   {
     // Ids gone from the server leave the list (when it listed some, and all
     // it meant to): a server that invents new ids on every pass must not grow it.
@@ -215,8 +211,7 @@ void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session
   session.ReadHeaders(unknown,
                       [&](const std::string& uid, int read, std::optional<MailMessage>& message) {
                         if (read != 0) return failures.Add(read);
-                        // Read by the client meanwhile, or the check is ending: not announced.
-                        if (!message || Stopping() || known(uid)) return;
+                        if (!message || Stopping()) return;
                         Announce(account, uid, *message, mobile);
                       });
   // Read again from mail.list at the next check: 10,000 accounts must not
@@ -228,6 +223,14 @@ void CheckMailThread::CheckOpenMailbox(Account& account, MailboxSession& session
 
 void CheckMailThread::Announce(Account& account, const std::string& uid, const MailMessage& message,
                                const std::string& mobile) {
+  {
+    // Recorded, on disk, before it is shown or the program runs: a message is
+    // announced at most once, even when the client has read it meanwhile (its
+    // id is known then), the program fails or the gateway dies right after.
+    std::lock_guard guard(account.lock);
+    if (!account.knownUids.Add(uid)) return;
+    AppendKnownUid(account.mailListPath, uid);
+  }
   std::string from = DisplayHeaderOf(message, kFieldFrom, kNoticeCharset).value_or("");
   std::string subject = DisplayHeaderOf(message, kFieldSubject, kNoticeCharset).value_or("");
   // The console may be a terminal or the journal: a mail's text is shown escaped.
@@ -239,12 +242,6 @@ void CheckMailThread::Announce(Account& account, const std::string& uid, const M
   Console("Subject: %s\r\n", shown.c_str());
   std::string date = FormatLocalMinute(ParseMailDate(message.JoinedHeaderValues(kFieldDate)));
   Console("Date: %s\r\n", date.c_str());
-  {
-    // On disk before the program runs: a message is announced at most
-    // once, even when the program fails or the gateway dies right after.
-    std::lock_guard guard(account.lock);
-    if (account.knownUids.Add(uid)) AppendKnownUid(account.mailListPath, uid);
-  }
   if (!notifyProgram_) return;
   std::string commandLine = NotifyCommandLine(*notifyProgram_, mobile, from, date, subject);
   WriteLog(kLogDebug, "Run: %s\n", commandLine.c_str());

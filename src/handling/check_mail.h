@@ -52,7 +52,8 @@ class CheckMailThread {
   // The IMAP accounts with polling on before any held account: the ones
   // the watch is to keep.
   void WatchImapAccounts(const AccountRegistry& registry);
-  // Records the message as known, then starts the notification program.
+  // Records the message as known, then starts the notification program;
+  // nothing when its id is known already (the client has read it meanwhile).
   void Announce(Account& account, const std::string& uid, const MailMessage& message,
                 const std::string& mobile);
   // Hands every account with polling on to `handOut`, in order, under the
