@@ -13,9 +13,6 @@
 namespace corvane {
 namespace {
 
-// Chain and host name checked against the system's trust store.
-constexpr int kVerifyChainAndHost = 2;
-
 // UIDs of one header FETCH: at most 2000 * "100000," = 14 KB of command.
 constexpr size_t kUidsPerFetch = 2000;
 
@@ -36,7 +33,7 @@ int ImapMailboxSession::Open(const MailboxLogin& mailbox) {
   // 993 speaks TLS from the first byte; 143 upgrades whenever the server
   // offers it. Either way the certificate is checked as for POP3S.
   client_.SetSecurityEnabled(true);
-  client_.SetCertValidation(kVerifyChainAndHost);
+  client_.SetCertValidation(CSecureSocket::kCertChainAndHost);
   client_.SetPort(static_cast<unsigned>(ReadDecimal(mailbox.port)));
   return client_.Open(mailbox.pop3Host->c_str(), mailbox.login->c_str(), mailbox.password->c_str());
 }

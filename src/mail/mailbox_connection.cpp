@@ -12,8 +12,6 @@ namespace {
 
 constexpr int kPop3sPort = 995;
 constexpr int kHeaderLineRoom = 1024;  // 1023 bytes and the terminator
-// Chain and host name checked against the system's trust store.
-constexpr int kVerifyChainAndHost = 2;
 
 }  // namespace
 
@@ -58,7 +56,7 @@ int OpenMailbox(Pop3Client& client, const MailboxLogin& mailbox) {
   int port = ReadDecimal(mailbox.port);
   if (port == kPop3sPort) {
     client.SetSecurityEnabled(true);
-    client.SetCertValidation(kVerifyChainAndHost);
+    client.SetCertValidation(CSecureSocket::kCertChainAndHost);
   }
   client.SetPort(static_cast<unsigned>(port));
   return client.POP3Connect(mailbox.pop3Host->c_str(), mailbox.login->c_str(),

@@ -309,7 +309,7 @@ bool Pop3Client::AskPipelining() {
     if (length < 1) break;
     std::string_view name(line, static_cast<size_t>(length));
     name = name.substr(0, name.find_first_of(" \r\n"));
-    pipelining = pipelining || (starts && SameText(std::string(name), "PIPELINING"));
+    pipelining = pipelining || (starts && SameText(name, "PIPELINING"));
   }
   CloseConnection();
   return false;

@@ -1,8 +1,6 @@
 #include "service/service_unit.h"
 
-#include <algorithm>
-#include <cctype>
-
+#include "base/ascii_text.h"
 #include "base/program_paths.h"
 
 namespace corvane {
@@ -35,8 +33,7 @@ std::optional<std::string> ServiceUnitText(const std::string& serviceName,
                                            const std::string& executable,
                                            const std::optional<std::string>& filesRoot) {
   std::string user = serviceName;
-  std::transform(user.begin(), user.end(), user.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  LowerAscii(user);
   const std::string root = filesRoot.value_or("");
   auto command = UnitPath(executable);
   auto directory = UnitPath(ProgramDirectoryFromPath(executable), false);

@@ -150,7 +150,7 @@ std::string TCService::UnitDirectory() {
 
 std::string TCService::UnitPath() const {
   std::string unit(serviceName_);
-  for (char& c : unit) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  LowerAscii(unit);
   return UnitDirectory() + "/" + unit + ".service";
 }
 
