@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "base/ascii_text.h"
+#include "base/base64_text.h"
 #include "mime/gmime_handle.h"
 
 namespace corvane {
@@ -197,11 +198,6 @@ void AppendQEncoded(std::string_view bytes, std::string& out) {
   }
 }
 
-void AppendBase64Encoded(std::string_view bytes, std::string& out) {
-  GCharHandle encoded(g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size()));
-  out += encoded.get();
-}
-
 bool IsCharsetCharacter(char c) {
   // A token of RFC 2047: printable, no space and none of its specials.
   static constexpr std::string_view kSpecials = "()<>@,;:\"/[]?.=";
@@ -268,7 +264,7 @@ int EncodeWords(std::string_view text, std::string_view charset, char encoding, 
     out += prefix;
     std::string_view chunk = text.substr(wordBegin, wordEnd - wordBegin);
     if (type == 'B') {
-      AppendBase64Encoded(chunk, out);
+      out += Base64Encode(chunk);
     } else {
       AppendQEncoded(chunk, out);
     }

@@ -7,15 +7,6 @@
 
 namespace corvane {
 
-std::string Base64Encode(std::string_view bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                               reinterpret_cast<const unsigned char*>(bytes.data()),
-                               static_cast<int>(bytes.size()));
-  out.resize(static_cast<size_t>(length));
-  return out;
-}
-
 std::optional<std::string> Base64Decode(std::string_view text) {
   size_t start = text.find_first_not_of(" \t\r\n");
   if (start == std::string_view::npos) return std::string();

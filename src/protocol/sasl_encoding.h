@@ -4,12 +4,12 @@
 #include <string>
 #include <string_view>
 
+#include "base/base64_text.h"
+
 namespace corvane {
 
 // The texts of the SMTP AUTH exchanges.
 
-// Base64 of `bytes`, one line, no line break.
-std::string Base64Encode(std::string_view bytes);
 // The bytes of a base64 text (surrounding blanks and line ends ignored); none
 // when it is not base64.
 std::optional<std::string> Base64Decode(std::string_view text);

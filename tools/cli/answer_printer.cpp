@@ -1,10 +1,9 @@
 #include "answer_printer.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <vector>
 
+#include "base/base64_text.h"
 #include "base/utf8_text.h"
 #include "transport/counted_string.h"
 
@@ -36,21 +35,6 @@ std::vector<Entry> ReadEntries(std::string_view bytes) {
   return entries;
 }
 
-std::string Base64(std::string_view bytes) {
-  static constexpr char kDigits[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    const size_t n = std::min<size_t>(3, bytes.size() - i);
-    uint32_t group = 0;
-    for (size_t k = 0; k < 3; ++k) {
-      group = group << 8 | (k < n ? static_cast<unsigned char>(bytes[i + k]) : 0u);
-    }
-    for (size_t k = 0; k < 4; ++k) out += k <= n ? kDigits[group >> (18 - 6 * k) & 63] : '=';
-  }
-  return out;
-}
-
 // A JSON string of UTF-8 text: only quotes, backslashes and control bytes
 // are escaped.
 std::string JsonText(std::string_view text) {
@@ -73,7 +57,7 @@ std::string JsonText(std::string_view text) {
 // A value: UTF-8 text as a string, any other bytes (GB2312 text, binary)
 // as {"base64":"..."}, so that a reader gets the exact bytes back.
 std::string JsonString(std::string_view bytes) {
-  return IsUtf8(bytes) ? JsonText(bytes) : "{\"base64\":\"" + Base64(bytes) + "\"}";
+  return IsUtf8(bytes) ? JsonText(bytes) : "{\"base64\":\"" + Base64Encode(bytes) + "\"}";
 }
 
 std::vector<std::string> SplitValues(const std::string& text) {
