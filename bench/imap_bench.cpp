@@ -30,20 +30,11 @@
 
 namespace {
 
+using corvane::bench::AccountOf;
 using corvane::bench::Clock;
 using corvane::bench::Median;
 using corvane::bench::MillisecondsSince;
 using corvane::test::Pop3ServerEnv;
-
-std::shared_ptr<corvane::Account> AccountOf(const Pop3ServerEnv::Account& mailbox, int port) {
-  auto account = std::make_shared<corvane::Account>();
-  account->login = mailbox.user;
-  account->pop3Host = "127.0.0.1";
-  account->password = mailbox.password;
-  account->port = port;
-  account->polling = 1;
-  return account;
-}
 
 // The ids the check has recorded, as it keeps them between checks.
 size_t KnownCount(corvane::Account& account) {

@@ -20,6 +20,17 @@ struct Gateway {
   AccountRegistry registry{dir / "account.dat", dir.path()};
 };
 
+// A registered account of `mailbox` on 127.0.0.1:`port`, polling on.
+inline std::shared_ptr<Account> AccountOf(const Pop3ServerEnv::Account& mailbox, int port) {
+  auto account = std::make_shared<Account>();
+  account->login = mailbox.user;
+  account->pop3Host = "127.0.0.1";
+  account->password = mailbox.password;
+  account->port = port;
+  account->polling = 1;
+  return account;
+}
+
 // A request for `account`'s mailbox on 127.0.0.1:`port`.
 inline std::string MailboxRequest(unsigned port, const Pop3ServerEnv::Account& account,
                                   const test::Fields& parameters = {}) {

@@ -30,15 +30,10 @@ using corvane::bench::MillisecondsSince;
 double Pass(const corvane::test::Pop3ServerEnv& env, unsigned port, int count, size_t workers) {
   corvane::bench::Gateway gateway;
   for (int i = 1; i <= count; ++i) {
-    auto account = std::make_shared<corvane::Account>();
     char login[16];
     std::snprintf(login, sizeof login, "%s%04d", env.Get("POLL_PREFIX").c_str(), i);
-    account->login = login;
-    account->pop3Host = "127.0.0.1";
-    account->password = env.Get("POLL_PASS");
-    account->port = static_cast<int32_t>(port);
-    account->polling = 1;
-    gateway.registry.Add(account);
+    gateway.registry.Add(
+        corvane::bench::AccountOf({login, env.Get("POLL_PASS"), ""}, static_cast<int>(port)));
   }
   corvane::CheckMailThread check(std::nullopt, std::chrono::hours(1), workers);
   auto started = Clock::now();
