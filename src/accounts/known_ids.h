@@ -22,7 +22,6 @@ class KnownIds {
   size_t RemoveIf(const std::function<bool(const std::string&)>& gone);
 
   const std::vector<std::string>& Ids() const { return ids_; }
-  size_t Size() const { return ids_.size(); }
 
  private:
   std::vector<std::string> ids_;
